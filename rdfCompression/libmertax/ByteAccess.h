@@ -1,0 +1,23 @@
+// Unaligned little-endian loads and stores. Compressed fields sit at any byte offset and caller
+// buffers need not be aligned for their cell type, so every multi-byte access goes through memcpy.
+#pragma once
+
+#include <cstdint>
+#include <cstring>
+
+static_assert(__BYTE_ORDER__ == __ORDER_LITTLE_ENDIAN__,
+              "cells and compressed fields are little-endian; big-endian hosts are not supported");
+
+template <typename T>
+inline T LoadLE(const uint8_t* p)
+{
+    T value;
+    std::memcpy(&value, p, sizeof value);
+    return value;
+}
+
+template <typename T>
+inline void StoreLE(uint8_t* p, T value)
+{
+    std::memcpy(p, &value, sizeof value);
+}

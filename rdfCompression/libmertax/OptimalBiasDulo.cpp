@@ -1,0 +1,187 @@
+// The codec object, its settings, and the expansion of a compressed buffer segment by segment.
+#include "OptimalBiasDulo.h"
+
+#include "ByteAccess.h"
+#include "Report.h"
+
+#include <cstring>
+#include <iomanip>
+#include <iostream>
+
+COptimalBiasDulo::SegmentHeader COptimalBiasDulo::SegmentHeader::FromWord(uint32_t word)
+{
+    SegmentHeader h;
+    h.stdSegSize = word & 0x1;
+    h.mapCode = (word >> 1) & 0x1;
+    h.byteMode = (word >> 2) & 0x3;
+    h.algVersion = (word >> 4) & 0x3;
+    h.subadd = (word >> 6) & 0x1;
+    h.nonMatchLength = (word >> 7) & 0xFFF;
+    h.compSegSize = (word >> 19) & 0x1FFF;
+    return h;
+}
+
+uint32_t COptimalBiasDulo::SegmentHeader::ToWord() const
+{
+    return uint32_t(stdSegSize) | uint32_t(mapCode) << 1 | uint32_t(byteMode) << 2 |
+           uint32_t(algVersion) << 4 | uint32_t(subadd) << 6 | uint32_t(nonMatchLength) << 7 |
+           uint32_t(compSegSize) << 19;
+}
+
+COptimalBiasDulo::COptimalBiasDulo()
+    : m_reduceWordSize(false),
+      m_inflateWordSize(0),
+      m_debugCompression(0),
+      m_compressLevel(DEFAULT_COMPRESS_LEVEL),
+      m_biasHint(0),
+      m_segsProcessed(0)
+{
+}
+
+void COptimalBiasDulo::SetCompressLevel(const size_t& compressLevel) { m_compressLevel = compressLevel; }
+void COptimalBiasDulo::SetReduceWordSize() { m_reduceWordSize = true; }
+void COptimalBiasDulo::ClearReduceWordSize() { m_reduceWordSize = false; }
+void COptimalBiasDulo::SetInflateWordSize(const size_t& inflateWordSize) { m_inflateWordSize = inflateWordSize; }
+void COptimalBiasDulo::SetDebugLevel(size_t debugLevel) { m_debugCompression = debugLevel; }
+size_t COptimalBiasDulo::GetDebugLevel() const { return m_debugCompression; }
+
+size_t COptimalBiasDulo::CheckedSegmentLength(const uint8_t* pSeg, size_t available)
+{
+    if (available < MIN_COMPRESSED_SEGMENT_BYTES)
+        return 0;
+    const size_t compSegSize = LoadLE<uint16_t>(pSeg + 2) >> 3;
+    if (compSegSize < MIN_COMPRESSED_SEGMENT_BYTES || compSegSize > available)
+        return 0;
+    return compSegSize;
+}
+
+size_t COptimalBiasDulo::ExpandedSegmentSize(const uint8_t* pSeg) const
+{
+    const SegmentHeader hdr = SegmentHeader::FromWord(LoadLE<uint32_t>(pSeg));
+    size_t bytes = hdr.stdSegSize ? STD_SEGSIZE : LoadLE<uint16_t>(pSeg + 4);
+    if (hdr.byteMode == BYTE_MODE && m_inflateWordSize == 2)
+        bytes *= 2;
+    return bytes;
+}
+
+static void ReportCorruptData(size_t bytesDone)
+{
+    ReportFailure(std::cout, "Error: deDULO corrupted data detected after decompress: ", bytesDone, " bytes");
+}
+
+static void ReportSegmentFailure(size_t bytesDone)
+{
+    ReportFailure(std::cout, "Error: deDULO returned: ", "0", " after decompress: ", bytesDone, " bytes");
+}
+
+size_t COptimalBiasDulo::Decompress(const uint8_t* pCmpData, const size_t cmpDataSize, void* pDecmpBuff,
+                                    const size_t decmpBuffSize)
+{
+    uint8_t* const pOut = static_cast<uint8_t*>(pDecmpBuff);
+    size_t cmpPos = 0;
+    size_t outPos = 0;
+    while (cmpPos < cmpDataSize && outPos < decmpBuffSize) {
+        const uint8_t* pSeg = pCmpData + cmpPos;
+        const size_t compSegSize = CheckedSegmentLength(pSeg, cmpDataSize - cmpPos);
+        if (compSegSize == 0 || ExpandedSegmentSize(pSeg) > decmpBuffSize - outPos) {
+            ReportCorruptData(outPos);
+            break;
+        }
+        const size_t bytesOut = DecompressSegment(pSeg, compSegSize, pOut + outPos);
+        if (bytesOut == 0) {
+            ReportSegmentFailure(outPos);
+            break;
+        }
+        outPos += bytesOut;
+        cmpPos += compSegSize;
+    }
+    return outPos;
+}
+
+size_t COptimalBiasDulo::Decompress(const uint8_t* pCmpData, const size_t cmpDataSize, void* pDecmpBuff,
+                                    const size_t desiredSize, size_t* cmpConsumed)
+{
+    const uintptr_t outAddress = reinterpret_cast<uintptr_t>(pDecmpBuff);
+    if (desiredSize == 0 || cmpDataSize == 0 || outAddress + desiredSize < outAddress) {
+        *cmpConsumed = 0;
+        return 0;
+    }
+    uint8_t* const pOut = static_cast<uint8_t*>(pDecmpBuff);
+    size_t cmpPos = 0;
+    size_t dataWritten = 0;
+    for (;;) {
+        const uint8_t* pSeg = pCmpData + cmpPos;
+        const size_t available = cmpDataSize - cmpPos;
+        if (available < MIN_COMPRESSED_SEGMENT_BYTES) {
+            ReportCorruptData(dataWritten);
+            break;
+        }
+        // Only whole segments are expanded: stop before one that would overshoot desiredSize.
+        if (ExpandedSegmentSize(pSeg) > desiredSize - dataWritten)
+            break;
+        const size_t compSegSize = CheckedSegmentLength(pSeg, available);
+        if (compSegSize == 0) {
+            ReportCorruptData(dataWritten);
+            break;
+        }
+        const size_t bytesOut = DecompressSegment(pSeg, compSegSize, pOut + dataWritten);
+        if (bytesOut == 0) {
+            ReportSegmentFailure(dataWritten);
+            break;
+        }
+        dataWritten += bytesOut;
+        cmpPos += compSegSize;
+        if (dataWritten >= desiredSize || cmpPos >= cmpDataSize)
+            break;
+    }
+    *cmpConsumed = cmpPos;
+    return dataWritten;
+}
+
+size_t COptimalBiasDulo::DecompressSegment(const uint8_t* pCmpData, size_t segLength, uint8_t* pDecmpData)
+{
+    const SegmentHeader hdr = SegmentHeader::FromWord(LoadLE<uint32_t>(pCmpData));
+    if (m_debugCompression >= 2) {
+        std::cout << std::dec << "DecmpSeg: LW.mode: " << hdr.byteMode << " desired wsize: " << m_inflateWordSize
+                  << std::endl;
+    }
+    switch (hdr.byteMode) {
+    case SHORT_MODE:
+        return Inflate<uint16_t>(pCmpData, segLength, pDecmpData);
+    case U32B_MODE:
+        return Inflate<uint32_t>(pCmpData, segLength, pDecmpData);
+    case U64B_MODE:
+        return Inflate<uint64_t>(pCmpData, segLength, pDecmpData);
+    default:
+        break;
+    }
+    const size_t outBytes = Inflate<uint8_t>(pCmpData, segLength, pDecmpData);
+    if (outBytes == 0 || m_inflateWordSize != 2)
+        return outBytes;
+    // Widen bytes to 16-bit cells in place, from the last one down so that no byte is
+    // overwritten before it has been read.
+    for (size_t i = outBytes; i-- > 0;)
+        StoreLE<uint16_t>(pDecmpData + 2 * i, pDecmpData[i]);
+    if (m_debugCompression >= 2)
+        std::cout << std::dec << "DecmpSeg: expand to short - outBytes: " << 2 * outBytes << std::endl;
+    return 2 * outBytes;
+}
+
+void COptimalBiasDulo::HexDump(const std::string& info, const uint8_t* pData, size_t size)
+{
+    std::ostream& os = std::cout;
+    const std::ios_base::fmtflags saved = os.flags();
+    os << std::endl
+       << info << "(" << std::dec << size << " bytes at address=" << static_cast<const void*>(pData) << ")"
+       << std::endl;
+    // The row offset is padded with whatever fill the stream holds; the byte columns set it to
+    // '0' and leave it there, so only the very first row the process prints pads with a blank.
+    for (uint32_t row = 0; row < size; row += 16) {
+        os << std::hex << std::nouppercase << std::setw(2) << row << ":";
+        for (size_t i = row; i < size && i < size_t(row) + 16; ++i)
+            os << " " << std::setw(2) << std::setfill('0') << unsigned(pData[i]);
+        os << std::endl;
+    }
+    os << std::endl;
+    os.flags(saved);
+}

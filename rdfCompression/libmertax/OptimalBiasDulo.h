@@ -1,0 +1,107 @@
+// COptimalBiasDulo: lossless codec for arrays of unsigned integers of 1, 2, 4 or 8 bytes.
+//
+// Data is cut into segments of at most 4096 bytes (8192 for 16-bit data that fits in a byte when
+// word-size reduction is on). Each segment is coded against a bias: every nibble that equals the
+// bias's nibble in its plane costs a bit or less in a map, the others go into a nibble stream.
+// A compressed buffer is the plain concatenation of self-delimiting segments.
+//
+// The codec owns no memory; every buffer belongs to the caller. One object must be used by one
+// thread at a time.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <string>
+
+#define MERTAX_API __attribute__((visibility("default")))
+
+class MERTAX_API COptimalBiasDulo
+{
+public:
+    // The 32-bit little-endian word that opens every compressed segment, unpacked field by field.
+    // FromWord/ToWord convert explicitly so that the stored bit positions never depend on how the
+    // compiler lays out bit-fields.
+    struct SegmentHeader
+    {
+        uint32_t stdSegSize : 1;      // 1: the segment holds exactly STD_SEGSIZE bytes
+        uint32_t mapCode : 1;         // COMPRESSED_MC or NOT_COMPRESSED_MC (stored raw)
+        uint32_t byteMode : 2;        // element type, see ByteMode
+        uint32_t algVersion : 2;      // 1: a bias field is present
+        uint32_t subadd : 1;          // 1: a segmin field is present and added back
+        uint32_t nonMatchLength : 12; // bytes of the non-match nibble stream
+        uint32_t compSegSize : 13;    // bytes of the whole segment, padding included
+
+        static SegmentHeader FromWord(uint32_t word);
+        uint32_t ToWord() const;
+    };
+
+    enum ByteMode : uint8_t
+    {
+        BYTE_MODE = 0,
+        SHORT_MODE = 1,
+        U32B_MODE = 2,
+        U64B_MODE = 3
+    };
+
+    static constexpr size_t MIN_COMPRESS_LEVEL = 0;
+    static constexpr size_t MAX_COMPRESS_LEVEL = 9;
+    static constexpr size_t TOF_SINO_CMP_LEVL_URGE = 0;
+    static constexpr size_t SINGLES_CMP_LEVL_URGE = 9;
+    static constexpr size_t HINT_OPTBIAS_COMP_LEVEL = 1;
+    static constexpr size_t DEFAULT_COMPRESS_LEVEL = 4;
+    static constexpr size_t FIND_OPTBIAS_COMP_LEVEL = 8;
+    static constexpr size_t SEGMIN_COMPRESS_LEVEL = 9;
+    static constexpr uint16_t STD_SEGSIZE = 4096;
+    static constexpr bool NOT_COMPRESSED_MC = false;
+    static constexpr bool COMPRESSED_MC = true;
+    static constexpr size_t WORST_CASE_COMP_MAP_SIZE = 7281;
+    static constexpr size_t TRUE_BIAS_MIN_ELEMS = 4;
+
+    COptimalBiasDulo();
+
+    void SetCompressLevel(const size_t& compressLevel);
+    void SetReduceWordSize();
+    void ClearReduceWordSize();
+    // Only 2 has an effect: byte segments are then widened to 16-bit cells on expansion.
+    void SetInflateWordSize(const size_t& inflateWordSize);
+    // Diagnostics on standard output: from 2 traces, above 10 hex dumps of every segment (each dump
+    // lowers the level by one, so dumps stop by themselves at 10).
+    void SetDebugLevel(size_t debugLevel);
+    size_t GetDebugLevel() const;
+
+    // Expands every segment of the cmpDataSize bytes at pCmpData into pDecmpBuff; returns the bytes
+    // written. A damaged segment, or one that would not fit in decmpBuffSize, stops the expansion
+    // with a message on standard output and a short count.
+    size_t Decompress(const uint8_t* pCmpData, const size_t cmpDataSize, void* pDecmpBuff,
+                      const size_t decmpBuffSize);
+    // Expands whole segments while they fit in desiredSize bytes; *cmpConsumed receives the
+    // compressed bytes used, so a caller can continue from there.
+    size_t Decompress(const uint8_t* pCmpData, const size_t cmpDataSize, void* pDecmpBuff,
+                      const size_t desiredSize, size_t* cmpConsumed);
+
+private:
+    // The writer's largest segment (16-bit data under word-size reduction) and smallest one (a
+    // header word and at least one more word).
+    static constexpr size_t MAX_SEGMENT_BYTES = 2 * STD_SEGSIZE;
+    static constexpr size_t MIN_COMPRESSED_SEGMENT_BYTES = 8;
+
+    // Bytes of the segment at pSeg (whose first 8 bytes are readable) once expanded, taking
+    // widening into account.
+    size_t ExpandedSegmentSize(const uint8_t* pSeg) const;
+    // Length of the segment at pSeg as its header states it, or 0 when that is too short for a
+    // segment or runs past the `available` bytes.
+    static size_t CheckedSegmentLength(const uint8_t* pSeg, size_t available);
+    // Expands the segLength-byte segment at pCmpData; the output must have room for
+    // ExpandedSegmentSize bytes. Returns the bytes written, 0 for a damaged segment.
+    size_t DecompressSegment(const uint8_t* pCmpData, size_t segLength, uint8_t* pDecmpData);
+    template <typename T>
+    size_t Inflate(const uint8_t* pCmpData, size_t segLength, uint8_t* pDecmpData);
+    void HexDump(const std::string& info, const uint8_t* pData, size_t size);
+
+    bool m_reduceWordSize;
+    size_t m_inflateWordSize;
+    size_t m_debugCompression;
+    size_t m_compressLevel;
+    uint64_t m_biasHint;
+    size_t m_segsProcessed;
+};

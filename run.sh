@@ -1,0 +1,47 @@
+#!/usr/bin/env bash
+# The project's one entry point.
+#   ./run.sh test   install what is missing, build (normal and sanitizer builds), run every test
+set -euo pipefail
+cd "$(dirname "$0")"
+
+PACKAGES=(cmake make g++ pkg-config libgtest-dev libbenchmark-dev)
+JOBS=$(nproc)
+
+ensure_packages() {
+    local missing=() p
+    for p in "${PACKAGES[@]}"; do
+        dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q "install ok installed" || missing+=("$p")
+    done
+    [ ${#missing[@]} -eq 0 ] && return 0
+    echo "== Installing: ${missing[*]}"
+    local sudo=""
+    [ "$(id -u)" -ne 0 ] && sudo=sudo
+    $sudo apt-get update -qq
+    DEBIAN_FRONTEND=noninteractive $sudo apt-get install -y -qq --no-install-recommends "${missing[@]}"
+}
+
+configure_and_build() {
+    local dir=$1
+    shift
+    cmake -S . -B "$dir" "$@" >/dev/null
+    cmake --build "$dir" -j"$JOBS"
+}
+
+run_tests() {
+    ensure_packages
+    echo "== Release build"
+    configure_and_build build -DCMAKE_BUILD_TYPE=Release
+    ctest --test-dir build --output-on-failure -j"$JOBS"
+    echo "== AddressSanitizer + UndefinedBehaviorSanitizer build"
+    configure_and_build build-sanitize -DCMAKE_BUILD_TYPE=Debug -DMERTAX_SANITIZE=ON
+    ASAN_OPTIONS=detect_leaks=1:abort_on_error=1 UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1 \
+        ctest --test-dir build-sanitize --output-on-failure -j"$JOBS"
+}
+
+case "${1:-}" in
+test) run_tests ;;
+*)
+    echo "usage: $0 test" >&2
+    exit 2
+    ;;
+esac

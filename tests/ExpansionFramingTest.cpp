@@ -1,0 +1,183 @@
+// Expansion of whole buffers: walking from segment to segment, widening byte segments, stopping
+// on damaged or oversized segments, and the diagnostic output.
+#include "OptimalBiasDulo.h"
+#include "TestSupport.h"
+
+#include <gtest/gtest.h>
+
+namespace {
+
+const std::vector<uint8_t> FOUR_BYTES = {0x92, 0x00, 0x60, 0x00, 0x04, 0x00, 0x12, 0x30, 0x86, 0x81, 0x00, 0x00};
+const std::vector<uint8_t> EIGHT_BYTES = {0x02, 0x01, 0x60, 0x00, 0x08, 0x00, 0x50, 0x57, 0x88, 0x44, 0x28, 0x00};
+const std::vector<uint8_t> FOUR_VALUES = {0x12, 0x12, 0x13, 0x12};
+const std::vector<uint8_t> EIGHT_VALUES = {0x05, 0x05, 0x05, 0x05, 0x05, 0x00, 0x07, 0x00};
+
+const char CORRUPT[] = "Error: deDULO corrupted data detected after decompress: ";
+
+TEST(ExpansionFraming, SegmentsFollowOneAnother)
+{
+    const std::vector<uint8_t> stored = BuildStoredSegment(0, {1, 2, 3});
+    const std::vector<uint8_t> cmp = Concat({FOUR_BYTES, EIGHT_BYTES, stored});
+    COptimalBiasDulo codec;
+    std::vector<uint8_t> out(15);
+    ASSERT_EQ(codec.Decompress(cmp.data(), cmp.size(), out.data(), out.size()), 15u);
+    EXPECT_EQ(out, Concat({FOUR_VALUES, EIGHT_VALUES, {1, 2, 3}}));
+}
+
+TEST(ExpansionFraming, ByteSegmentsWidenToShortCellsOnlyForWordSizeTwo)
+{
+    const std::vector<uint8_t> cmp = Concat({FOUR_BYTES, EIGHT_BYTES});
+    for (size_t wordSize : {0, 1, 2, 4, 8}) {
+        COptimalBiasDulo codec;
+        codec.SetInflateWordSize(wordSize);
+        std::vector<uint8_t> out(24);
+        const size_t expected = wordSize == 2 ? 24 : 12;
+        ASSERT_EQ(codec.Decompress(cmp.data(), cmp.size(), out.data(), out.size()), expected) << wordSize;
+        out.resize(expected);
+        std::vector<uint8_t> bytes = Concat({FOUR_VALUES, EIGHT_VALUES});
+        if (wordSize == 2)
+            EXPECT_EQ(ToCells<uint16_t>(out), std::vector<uint16_t>(bytes.begin(), bytes.end()));
+        else
+            EXPECT_EQ(out, bytes);
+    }
+}
+
+TEST(ExpansionFraming, SecondFormExpandsOnlyWholeSegmentsThatFit)
+{
+    const std::vector<uint8_t> cmp = Concat({FOUR_BYTES, EIGHT_BYTES, FOUR_BYTES});
+    struct Case
+    {
+        size_t desired;
+        size_t inflateWordSize;
+        size_t produced;
+        size_t consumed;
+    };
+    const Case cases[] = {
+        {3, 0, 0, 0},   {4, 0, 4, 12},  {11, 0, 4, 12},  {12, 0, 12, 24},
+        {15, 0, 12, 24}, {100, 0, 16, 36}, {7, 2, 0, 0},   {8, 2, 8, 12},
+    };
+    for (const Case& c : cases) {
+        COptimalBiasDulo codec;
+        codec.SetInflateWordSize(c.inflateWordSize);
+        std::vector<uint8_t> out(c.desired);
+        size_t consumed = 999;
+        EXPECT_EQ(codec.Decompress(cmp.data(), cmp.size(), out.data(), c.desired, &consumed), c.produced)
+            << c.desired;
+        EXPECT_EQ(consumed, c.consumed) << c.desired;
+    }
+    COptimalBiasDulo codec;
+    size_t consumed = 999;
+    uint8_t out[4];
+    EXPECT_EQ(codec.Decompress(cmp.data(), 0, out, 4, &consumed), 0u);
+    EXPECT_EQ(consumed, 0u);
+}
+
+// Each damaged buffer starts with one good 4-value segment, so 4 bytes come out before the stop.
+TEST(ExpansionFraming, DamagedStreamsStopWithAMessageAndAShortCount)
+{
+    std::vector<uint8_t> zeroLength = FOUR_BYTES;
+    zeroLength[2] = zeroLength[3] = 0;
+    std::vector<uint8_t> pastTheEnd = EIGHT_BYTES;
+    pastTheEnd[3] = 0x02; // compSegSize 64
+    std::vector<uint8_t> zeroSegSize = EIGHT_BYTES;
+    zeroSegSize[4] = 0;
+    std::vector<uint8_t> oddShorts = EIGHT_BYTES;
+    oddShorts[0] |= COptimalBiasDulo::SHORT_MODE << 2;
+    oddShorts[4] = 7;
+    std::vector<uint8_t> mapRunsOut = EIGHT_BYTES;
+    mapRunsOut[9] = mapRunsOut[10] = mapRunsOut[11] = 0x40; // entries that cover no slot
+    std::vector<uint8_t> streamRunsOut = EIGHT_BYTES;
+    streamRunsOut[1] = 0x00; // nonMatchLength 0, so the first non-match finds no nibble
+    const std::string returnedZero = "Error: deDULO returned: 0 after decompress: 4 bytes\n";
+    struct Case
+    {
+        const char* name;
+        std::vector<uint8_t> damaged;
+        std::string message;
+    };
+    const Case cases[] = {
+        {"compSegSize 0", zeroLength, std::string(CORRUPT) + "4 bytes\n"},
+        {"segment past the data", pastTheEnd, std::string(CORRUPT) + "4 bytes\n"},
+        {"three stray bytes", {0x11, 0x22, 0x33}, std::string(CORRUPT) + "4 bytes\n"},
+        {"segSize 0", zeroSegSize, returnedZero},
+        {"segSize not a multiple of the cell", oddShorts, returnedZero},
+        {"map ends before the last slot", mapRunsOut, returnedZero},
+        {"stream ends before the last non-match", streamRunsOut, returnedZero},
+    };
+    for (const Case& c : cases) {
+        const std::vector<uint8_t> cmp = Concat({FOUR_BYTES, c.damaged});
+        for (bool secondForm : {false, true}) {
+            COptimalBiasDulo codec;
+            std::vector<uint8_t> out(64);
+            CCapturedStream captured(std::cout);
+            size_t consumed = 0;
+            const size_t produced = secondForm
+                                        ? codec.Decompress(cmp.data(), cmp.size(), out.data(), out.size(), &consumed)
+                                        : codec.Decompress(cmp.data(), cmp.size(), out.data(), out.size());
+            EXPECT_EQ(produced, 4u) << c.name;
+            EXPECT_EQ(captured.Text(), c.message) << c.name;
+            if (secondForm) {
+                EXPECT_EQ(consumed, FOUR_BYTES.size()) << c.name;
+            }
+        }
+    }
+}
+
+TEST(ExpansionFraming, FirstFormRefusesASegmentThatWouldOverrunTheOutput)
+{
+    const std::vector<uint8_t> cmp = Concat({FOUR_BYTES, EIGHT_BYTES});
+    for (size_t capacity : {size_t(5), size_t(11)}) {
+        COptimalBiasDulo codec;
+        std::vector<uint8_t> out(capacity); // exact size: an overrun would be caught by the sanitizer
+        CCapturedStream captured(std::cout);
+        EXPECT_EQ(codec.Decompress(cmp.data(), cmp.size(), out.data(), out.size()), 4u);
+        EXPECT_EQ(captured.Text(), std::string(CORRUPT) + "4 bytes\n");
+    }
+}
+
+TEST(ExpansionFraming, DebugLevelTracesAndDumpsUntilItFallsToTen)
+{
+    const std::vector<uint8_t> cmp = Concat({FOUR_BYTES, FOUR_BYTES, FOUR_BYTES});
+    COptimalBiasDulo codec;
+    codec.SetDebugLevel(12);
+    codec.SetInflateWordSize(2);
+    std::vector<uint8_t> out(24);
+    std::cout.fill('0'); // what any earlier dump in the process leaves behind
+    std::string text;
+    {
+        CCapturedStream captured(std::cout);
+        ASSERT_EQ(codec.Decompress(cmp.data(), cmp.size(), out.data(), out.size()), 24u);
+        text = captured.TextWithoutAddresses();
+    }
+    EXPECT_EQ(codec.GetDebugLevel(), 10u);
+    const std::string trace = "DecmpSeg: LW.mode: 0 desired wsize: 2\n";
+    const std::string widened = "DecmpSeg: expand to short - outBytes: 8\n";
+    const std::string dump = "\nDecompressed Data(4 bytes at address=ADDR)\n00: 12 12 13 12\n\n";
+    EXPECT_EQ(text, trace + dump + widened + trace + dump + widened + trace + widened);
+}
+
+TEST(ExpansionFraming, HexDumpRowsAndTheFirstRowPadding)
+{
+    std::vector<uint8_t> raw(20);
+    for (size_t i = 0; i < raw.size(); ++i)
+        raw[i] = uint8_t(0xF0 + i);
+    SegmentFields f;
+    f.segSize = 20;
+    f.map = {0x80 | 40}; // all 40 slots match bias 0
+    const std::vector<uint8_t> cmp = BuildCompressedSegment(f);
+
+    COptimalBiasDulo codec;
+    codec.SetDebugLevel(11);
+    std::vector<uint8_t> out(20);
+    std::cout.fill(' '); // as in a fresh process, before anything set the fill
+    CCapturedStream captured(std::cout);
+    codec.Decompress(cmp.data(), cmp.size(), out.data(), out.size());
+    codec.SetDebugLevel(11);
+    codec.Decompress(cmp.data(), cmp.size(), out.data(), out.size());
+    const std::string rows = "00 00 00 00 00 00 00 00 00 00 00 00 00 00 00 00\n10: 00 00 00 00\n\n";
+    const std::string head = "DecmpSeg: LW.mode: 0 desired wsize: 0\n\nDecompressed Data(20 bytes at address=ADDR)\n";
+    EXPECT_EQ(captured.TextWithoutAddresses(), head + " 0: " + rows + head + "00: " + rows);
+    EXPECT_EQ(std::cout.flags() & std::ios_base::basefield, std::ios_base::dec);
+}
+
+} // namespace
