@@ -84,6 +84,13 @@ inline std::vector<uint8_t> BuildStoredSegment(unsigned byteMode, const std::vec
     return seg;
 }
 
+inline uint32_t LoadWord(const std::vector<uint8_t>& bytes)
+{
+    uint32_t word = 0;
+    std::memcpy(&word, bytes.data(), 4);
+    return word;
+}
+
 template <typename T>
 std::vector<T> ToCells(const std::vector<uint8_t>& bytes)
 {

@@ -69,6 +69,9 @@ public:
     void SetDebugLevel(size_t debugLevel);
     size_t GetDebugLevel() const;
 
+    // Output size that suffices to compress uncSize bytes of cells of cellSize bytes.
+    size_t GetWorstCaseCmpBufSize(const size_t& cellSize, const size_t& uncSize);
+
     // Expands every segment of the cmpDataSize bytes at pCmpData into pDecmpBuff; returns the bytes
     // written. A damaged segment, or one that would not fit in decmpBuffSize, stops the expansion
     // with a message on standard output and a short count.
@@ -97,6 +100,24 @@ private:
     template <typename T>
     size_t Inflate(const uint8_t* pCmpData, size_t segLength, uint8_t* pDecmpData);
     void HexDump(const std::string& info, const uint8_t* pData, size_t size);
+
+    // Segment encoder. pUncData holds segSize bytes of T, already reduced by segmin; the stored
+    // fallback adds segmin back into it. pCmpBuff must hold the worst case for segSize bytes;
+    // nothing is written past the stored form's length rounded up to 4, or the header's fields.
+    template <typename T>
+    size_t Deflate(uint8_t* pUncData, const uint16_t& segSize, T segmin, const T& bias, uint8_t* pCmpBuff);
+    // Writes the header word and the segSize, segmin and bias fields that the values call for;
+    // returns the header's length, 0 for a segment that is too large.
+    template <typename T>
+    size_t EncodeHeader(const uint16_t& segSize, T segmin, const T& bias, uint8_t* pCmpBuff);
+    // Checks the writer's segment size limit, with its message.
+    bool SegmentSizeAllowed(uint16_t segSize) const;
+    // Number of leading nibble planes in which every element equals the bias (at most all but
+    // the last plane).
+    template <typename T>
+    unsigned CountSkippedPlanes(const uint8_t* pUncData, uint16_t segSize, T bias) const;
+
+    friend class COptimalBiasDuloTestPeer;
 
     bool m_reduceWordSize;
     size_t m_inflateWordSize;

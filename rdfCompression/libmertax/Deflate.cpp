@@ -1,0 +1,240 @@
+// Segment encoder: codes one segment of elements of type T against a bias, nibble plane by
+// nibble plane, and keeps the compressed form unless the raw bytes are shorter.
+#include "OptimalBiasDulo.h"
+
+#include "ByteAccess.h"
+#include "MapCoder.h"
+#include "NibbleCoder.h"
+
+#include <cstring>
+#include <iostream>
+#include <type_traits>
+
+namespace {
+
+template <typename T>
+constexpr unsigned ByteModeOf()
+{
+    return sizeof(T) == 1 ? COptimalBiasDulo::BYTE_MODE
+           : sizeof(T) == 2 ? COptimalBiasDulo::SHORT_MODE
+           : sizeof(T) == 4 ? COptimalBiasDulo::U32B_MODE
+                            : COptimalBiasDulo::U64B_MODE;
+}
+
+// `value` in every T-sized cell of a 64-bit word.
+template <typename T>
+constexpr uint64_t RepeatCell(T value)
+{
+    return uint64_t(value) * (~uint64_t(0) / T(~T(0)));
+}
+
+constexpr size_t RoundUp4(size_t n) { return (n + 3) & ~size_t(3); }
+
+// Longest segment the 13-bit compSegSize field can describe, as a multiple of 4.
+constexpr size_t MAX_PADDED_SEGMENT = 8188;
+
+} // namespace
+
+bool COptimalBiasDulo::SegmentSizeAllowed(uint16_t segSize) const
+{
+    if (segSize <= (m_reduceWordSize ? 2 * STD_SEGSIZE : STD_SEGSIZE))
+        return true;
+    std::cout << std::dec << "Uncompressed segment size of " << segSize << " greater than max " << STD_SEGSIZE
+              << std::endl;
+    return false;
+}
+
+template <typename T>
+size_t COptimalBiasDulo::EncodeHeader(const uint16_t& segSize, T segmin, const T& bias, uint8_t* pCmpBuff)
+{
+    if (!SegmentSizeAllowed(segSize))
+        return 0;
+    SegmentHeader hdr = SegmentHeader::FromWord(0);
+    hdr.stdSegSize = segSize == STD_SEGSIZE;
+    hdr.byteMode = ByteModeOf<T>();
+    hdr.algVersion = (segmin != 0 || bias != 0) ? 1 : 0;
+    hdr.subadd = segmin != 0;
+    StoreLE<uint32_t>(pCmpBuff, hdr.ToWord());
+    size_t hdrBytes = 4;
+    if (!hdr.stdSegSize) {
+        StoreLE<uint16_t>(pCmpBuff + hdrBytes, segSize);
+        hdrBytes += 2;
+    }
+    if (segmin != 0) {
+        StoreLE<T>(pCmpBuff + hdrBytes, segmin);
+        hdrBytes += sizeof(T);
+    }
+    if (hdr.algVersion == 1) {
+        StoreLE<T>(pCmpBuff + hdrBytes, bias);
+        hdrBytes += sizeof(T);
+    }
+    return hdrBytes;
+}
+
+template <typename T>
+unsigned COptimalBiasDulo::CountSkippedPlanes(const uint8_t* pUncData, uint16_t segSize, T bias) const
+{
+    // OR of every element XOR bias: eight bytes at a time, then the tail, then the cells of the
+    // 64-bit OR folded onto one.
+    const uint64_t bias64 = RepeatCell<T>(bias);
+    uint64_t diff64 = 0;
+    size_t i = 0;
+    for (; i + 8 <= segSize; i += 8)
+        diff64 |= LoadLE<uint64_t>(pUncData + i) ^ bias64;
+    T diff = 0;
+    for (; i < segSize; i += sizeof(T))
+        diff |= T(LoadLE<T>(pUncData + i) ^ bias);
+    for (unsigned width = 32; width >= 8 * sizeof(T); width >>= 1)
+        diff64 |= diff64 >> width;
+    diff |= T(diff64);
+
+    unsigned skipped = 2 * sizeof(T) - 1;
+    T maskT = T(~T(0xF)); // the planes above the one that would be coded first
+    for (;;) {
+        if (m_debugCompression > 1) {
+            std::cout << std::hex << "mask64: 0x" << RepeatCell<T>(maskT) << " maskT: 0x" << uint64_t(maskT)
+                      << std::dec << std::endl;
+        }
+        if ((diff & maskT) == 0 || --skipped == 0)
+            break;
+        maskT = T(maskT << 4);
+    }
+    return skipped;
+}
+
+template <typename T>
+size_t COptimalBiasDulo::Deflate(uint8_t* pUncData, const uint16_t& segSize, T segmin, const T& bias,
+                                 uint8_t* pCmpBuff)
+{
+    if (!SegmentSizeAllowed(segSize) || segSize < sizeof(T))
+        return 0;
+    if (m_debugCompression > 10)
+        HexDump("Uncompressed Data", pUncData, segSize);
+
+    constexpr unsigned PLANES = 2 * sizeof(T);
+    const size_t elems = segSize / sizeof(T);
+    const unsigned skippedPlanes = CountSkippedPlanes<T>(pUncData, segSize, bias);
+
+    // 16-bit elements whose high byte is 0, like the bias's, are written as a byte segment of
+    // their low bytes: the two high planes simply do not exist there.
+    bool reduced = false;
+    if constexpr (std::is_same_v<T, uint16_t>)
+        reduced = m_reduceWordSize && (bias & 0xFF00) == 0 && skippedPlanes >= 2;
+    const size_t hdrBytes = reduced ? EncodeHeader<uint8_t>(uint16_t(segSize / 2), uint8_t(segmin), uint8_t(bias),
+                                                            pCmpBuff)
+                                    : EncodeHeader<T>(segSize, segmin, bias, pCmpBuff);
+    if (hdrBytes == 0)
+        return 0;
+    const size_t dataBytes = reduced ? segSize / 2 : segSize;
+    const size_t storedLength = 4 + (dataBytes == STD_SEGSIZE ? 0 : 2) + dataBytes;
+
+    uint8_t cmpMap[WORST_CASE_COMP_MAP_SIZE];
+    CMapCoder map(cmpMap);
+    const unsigned firstShift = 4 * (PLANES - 1 - skippedPlanes);
+    CNibbleCoder nibbles(pCmpBuff + hdrBytes, storedLength > hdrBytes ? storedLength - hdrBytes : 0,
+                         uint8_t((bias >> firstShift) & 0xF));
+    const size_t skippedSlots = (reduced ? skippedPlanes - 2 : skippedPlanes) * elems;
+    constexpr size_t CELLS_PER_WORD = 8 / sizeof(T);
+
+    for (unsigned plane = skippedPlanes; plane < PLANES; ++plane) {
+        const unsigned nibShift = 4 * (PLANES - 1 - plane);
+        const T biasNibMask = T(T(0xF) << nibShift);
+        const T biasNib = T(bias & biasNibMask);
+        const uint8_t escape = uint8_t(biasNib >> nibShift);
+        const uint64_t multiCellMask = RepeatCell<T>(biasNibMask);
+        const uint64_t multiCellBias = RepeatCell<T>(biasNib);
+        size_t e = 0;
+        if (plane == skippedPlanes) {
+            const T value = LoadLE<T>(pUncData);
+            const bool match = (value & biasNibMask) == biasNib;
+            map.First(match, skippedSlots);
+            if (!match)
+                nibbles.NonMatch(uint8_t((value >> nibShift) & 0xF), escape);
+            e = 1;
+        }
+        while (e < elems) {
+            // In a run, whole words of matching cells are counted at once.
+            if (map.InRun()) {
+                while (e + CELLS_PER_WORD <= elems &&
+                       (LoadLE<uint64_t>(pUncData + e * sizeof(T)) & multiCellMask) == multiCellBias) {
+                    map.AddMatches(CELLS_PER_WORD);
+                    e += CELLS_PER_WORD;
+                }
+                if (e == elems)
+                    break;
+            }
+            const T value = LoadLE<T>(pUncData + e * sizeof(T));
+            const bool match = (value & biasNibMask) == biasNib;
+            map.Next(match);
+            if (!match)
+                nibbles.NonMatch(uint8_t((value >> nibShift) & 0xF), escape);
+            ++e;
+        }
+        nibbles.EndPlane(escape);
+    }
+    nibbles.Finish(uint8_t(bias & 0xF));
+    map.Finish();
+
+    const size_t nonMatchLength = nibbles.Size();
+    const size_t mapSize = map.Size();
+    if (m_debugCompression > 10)
+        HexDump("Compressed map", cmpMap, mapSize);
+    const size_t compressedLength = hdrBytes + nonMatchLength + mapSize;
+    const bool keepCompressed = compressedLength <= storedLength;
+
+    if constexpr (std::is_same_v<T, uint16_t>) {
+        // A 16-bit segment above 4096 bytes (word-size reduction holds all its values below 256)
+        // that a hint with a non-zero high byte kept from being reduced may not fit the header's
+        // fields; it is then coded as bytes with the bias's low byte.
+        const bool overflows =
+            (keepCompressed && (nonMatchLength > 0xFFF || map.RunTooLong())) ||
+            RoundUp4(keepCompressed ? compressedLength : storedLength) > MAX_PADDED_SEGMENT;
+        if (segSize > STD_SEGSIZE && !reduced && overflows)
+            return (bias & 0xFF00) != 0 ? Deflate<uint16_t>(pUncData, segSize, segmin, T(bias & 0xFF), pCmpBuff) : 0;
+    }
+
+    SegmentHeader hdr = SegmentHeader::FromWord(LoadLE<uint32_t>(pCmpBuff));
+    hdr.nonMatchLength = nonMatchLength & 0xFFF;
+    size_t length;
+    if (keepCompressed) {
+        hdr.mapCode = COMPRESSED_MC;
+        std::memcpy(pCmpBuff + hdrBytes + nonMatchLength, cmpMap, mapSize);
+        length = compressedLength;
+    } else {
+        hdr.mapCode = NOT_COMPRESSED_MC;
+        if (segmin != 0) {
+            for (size_t i = 0; i < elems; ++i)
+                StoreLE<T>(pUncData + i * sizeof(T), T(LoadLE<T>(pUncData + i * sizeof(T)) + segmin));
+        }
+        uint8_t* pRaw = pCmpBuff + storedLength - dataBytes;
+        if (reduced) {
+            for (size_t i = 0; i < elems; ++i)
+                pRaw[i] = pUncData[i * sizeof(T)]; // the low byte of a little-endian cell
+        } else {
+            std::memcpy(pRaw, pUncData, segSize);
+        }
+        length = storedLength;
+        if (m_debugCompression > 1)
+            std::cout << std::dec << "NO_COMP vLen: " << storedLength << " segSize: " << segSize << std::endl;
+    }
+
+    const size_t padded = RoundUp4(length);
+    std::memset(pCmpBuff + length, 0, padded - length);
+    hdr.compSegSize = padded & 0x1FFF;
+    StoreLE<uint32_t>(pCmpBuff, hdr.ToWord());
+    if (m_debugCompression > 10) {
+        HexDump("Compressed Data", pCmpBuff, padded);
+        --m_debugCompression;
+    }
+    return padded;
+}
+
+#define MERTAX_INSTANTIATE_ENCODER(T)                                                                                \
+    template size_t COptimalBiasDulo::Deflate<T>(uint8_t*, const uint16_t&, T, const T&, uint8_t*);                 \
+    template size_t COptimalBiasDulo::EncodeHeader<T>(const uint16_t&, T, const T&, uint8_t*);                      \
+    template unsigned COptimalBiasDulo::CountSkippedPlanes<T>(const uint8_t*, uint16_t, T) const;
+
+MERTAX_INSTANTIATE_ENCODER(uint8_t)
+MERTAX_INSTANTIATE_ENCODER(uint16_t)
+MERTAX_INSTANTIATE_ENCODER(uint32_t)
+MERTAX_INSTANTIATE_ENCODER(uint64_t)
