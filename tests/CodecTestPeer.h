@@ -19,4 +19,10 @@ public:
                                     out.data()));
         return out;
     }
+
+    template <typename T>
+    static bool GetBiasHint(COptimalBiasDulo& codec, const std::vector<uint8_t>& segment, T& hint)
+    {
+        return codec.GetBiasHint<T>(segment.data(), segment.size(), &hint);
+    }
 };

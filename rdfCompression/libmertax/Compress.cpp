@@ -1,7 +1,11 @@
-// Compression of a whole buffer: the worst-case output size.
+// Compression of a whole buffer, cut into segments laid end to end in the caller's buffer.
 #include "OptimalBiasDulo.h"
 
+#include "ByteAccess.h"
+#include "Report.h"
+
 #include <algorithm>
+#include <iostream>
 
 size_t COptimalBiasDulo::GetWorstCaseCmpBufSize(const size_t& cellSize, const size_t& uncSize)
 {
@@ -13,4 +17,79 @@ size_t COptimalBiasDulo::GetWorstCaseCmpBufSize(const size_t& cellSize, const si
     const size_t align = needed % 4;
     const size_t wipSpace = align != 0 ? std::max(4 - align, 2 * cellSize) : 2 * cellSize;
     return std::min<size_t>(needed + wipSpace, 0x4000000);
+}
+
+size_t COptimalBiasDulo::CompressSegment(void* pUncData, const uint16_t& segSize, const size_t& cellSize,
+                                         uint8_t* pCmpBuff)
+{
+    uint8_t* pData = static_cast<uint8_t*>(pUncData);
+    switch (cellSize) {
+    case 1:
+        return LevelCompress<uint8_t>(pData, segSize, pCmpBuff);
+    case 2:
+        return LevelCompress<uint16_t>(pData, segSize, pCmpBuff);
+    case 4:
+        return LevelCompress<uint32_t>(pData, segSize, pCmpBuff);
+    case 8:
+        return LevelCompress<uint64_t>(pData, segSize, pCmpBuff);
+    default:
+        return 0;
+    }
+}
+
+size_t COptimalBiasDulo::Compress(void* pUncData, const size_t& uncSize, const size_t& cellSize, uint8_t* cmpBuff,
+                                  const size_t& bufSize)
+{
+    size_t bytesToDo = uncSize;
+    size_t bytesToComp = std::min<size_t>(uncSize, STD_SEGSIZE);
+    size_t wcbsize = GetWorstCaseCmpBufSize(cellSize, bytesToComp);
+    size_t didBytes = 0;
+    size_t totalCompressedSize = 0;
+    auto fail = [&]() -> size_t {
+        ReportFailure(std::cerr, "Error: Halting DULO after compressing ", didBytes, " bytes, remaining: ", bytesToDo,
+                      " bytes, wip compressed bytes: ", totalCompressedSize, " user buf size: ", bufSize,
+                      " wcbsize: ", wcbsize);
+        return 0;
+    };
+
+    if (uncSize == 0)
+        return 0;
+    // A partial last cell would be lost.
+    if (cellSize == 0 || uncSize % cellSize != 0)
+        return fail();
+    if (wcbsize > bufSize)
+        return fail();
+
+    uint8_t* pUnc = static_cast<uint8_t*>(pUncData);
+    uint8_t* pCmpBuff = cmpBuff;
+    for (;;) {
+        if (cellSize == 2 && m_reduceWordSize) {
+            // Up to 8192 bytes of 16-bit cells that all fit in a byte make one segment.
+            const size_t bytesToTest = std::min<size_t>(bytesToDo, 2 * STD_SEGSIZE);
+            uint16_t result = 0;
+            for (size_t i = 0; i < bytesToTest / 2; ++i)
+                result |= LoadLE<uint16_t>(pUnc + 2 * i);
+            bytesToComp = (result & 0xFF00) == 0 ? bytesToTest : std::min<size_t>(bytesToDo, STD_SEGSIZE);
+        }
+        // The checks below use the worst case of a 4096-byte segment; an enlarged one needs more.
+        if (GetWorstCaseCmpBufSize(cellSize, bytesToComp) > bufSize - totalCompressedSize)
+            return fail();
+        const size_t compSize = CompressSegment(pUnc, uint16_t(bytesToComp), cellSize, pCmpBuff);
+        if (compSize == 0)
+            return fail();
+        const size_t segmentBytes = bytesToComp;
+        totalCompressedSize += compSize;
+        didBytes += segmentBytes;
+        bytesToDo -= segmentBytes;
+        if (bytesToDo >= 1 && bytesToDo <= STD_SEGSIZE) {
+            bytesToComp = bytesToDo;
+            wcbsize = GetWorstCaseCmpBufSize(cellSize, bytesToDo);
+        }
+        if (bytesToDo == 0)
+            return bufSize >= totalCompressedSize ? totalCompressedSize : fail();
+        if (wcbsize + totalCompressedSize > bufSize)
+            return fail();
+        pCmpBuff += compSize;
+        pUnc += segmentBytes;
+    }
 }

@@ -69,6 +69,11 @@ public:
         return true;
     }
 
+    // The run-entry replay of the bias hint works the repeat counter itself.
+    uint8_t LastLiteral() const { return m_nmNib; }
+    void SetLastLiteral(uint8_t nibble) { m_nmNib = nibble; }
+    uint8_t& RepeatsOwed() { return m_nonMatchCnt; }
+
 private:
     const uint8_t* m_pStream;
     size_t m_nibbleEnd;

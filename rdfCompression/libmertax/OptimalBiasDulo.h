@@ -71,6 +71,12 @@ public:
 
     // Output size that suffices to compress uncSize bytes of cells of cellSize bytes.
     size_t GetWorstCaseCmpBufSize(const size_t& cellSize, const size_t& uncSize);
+    // Compresses uncSize bytes of cells of cellSize (1, 2, 4 or 8) bytes into cmpBuff, whose
+    // capacity is bufSize; returns the compressed bytes written, or 0 (with a message on standard
+    // error) on failure. Give it GetWorstCaseCmpBufSize(cellSize, uncSize) bytes. The bias hint
+    // and segment count of the compression level carry over from one call to the next.
+    size_t Compress(void* pUncData, const size_t& uncSize, const size_t& cellSize, uint8_t* cmpBuff,
+                    const size_t& bufSize);
 
     // Expands every segment of the cmpDataSize bytes at pCmpData into pDecmpBuff; returns the bytes
     // written. A damaged segment, or one that would not fit in decmpBuffSize, stops the expansion
@@ -100,6 +106,18 @@ private:
     template <typename T>
     size_t Inflate(const uint8_t* pCmpData, size_t segLength, uint8_t* pDecmpData);
     void HexDump(const std::string& info, const uint8_t* pData, size_t size);
+
+    // Codes one segment with the level's choice of segmin and bias; 0 on failure.
+    size_t CompressSegment(void* pUncData, const uint16_t& segSize, const size_t& cellSize, uint8_t* pCmpBuff);
+    template <typename T>
+    size_t LevelCompress(uint8_t* pUncData, const uint16_t& segSize, uint8_t* pCmpBuff);
+    // The segment minimum to subtract, or 0 for none.
+    template <typename T>
+    T GetTrueMinForEncode(const uint8_t* pData, const size_t& elems);
+    // Replays the map and non-match stream of the segLength-byte compressed segment at pCmpData
+    // and derives from them a bias for the segments to come; false when there is none to learn.
+    template <typename T>
+    bool GetBiasHint(const uint8_t* pCmpData, size_t segLength, T* biasHint);
 
     // Segment encoder. pUncData holds segSize bytes of T, already reduced by segmin; the stored
     // fallback adds segmin back into it. pCmpBuff must hold the worst case for segSize bytes;

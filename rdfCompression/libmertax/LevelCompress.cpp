@@ -1,0 +1,99 @@
+// Choice of each segment's segmin and bias by compression level:
+//   0      no bias;
+//   1 to 7 a bias hint learnt from every (8 - level)-th compressed segment;
+//   8      a histogram search on every segment;
+//   9+     the segment minimum removed as well.
+#include "OptimalBiasDulo.h"
+
+#include "ByteAccess.h"
+#include "FindDuloBias.h"
+
+#include <iostream>
+
+template <typename T>
+T COptimalBiasDulo::GetTrueMinForEncode(const uint8_t* pData, const size_t& elems)
+{
+    if (elems < TRUE_BIAS_MIN_ELEMS)
+        return 0;
+    T curMin = LoadLE<T>(pData);
+    T curMax = curMin;
+    size_t e = 1;
+    // Stops at the first zero: nothing can be removed then.
+    for (; curMin != 0 && e < elems; ++e) {
+        const T value = LoadLE<T>(pData + e * sizeof(T));
+        curMin = value < curMin ? value : curMin;
+        curMax = value > curMax ? value : curMax;
+    }
+    if (m_debugCompression != 0) {
+        const std::ios_base::fmtflags saved = std::cout.flags();
+        std::cout << "GetTrueMin: cur min: 0x" << std::hex << curMin << " e: " << std::dec << e << std::endl;
+        std::cout.flags(saved);
+    }
+    // A 16-bit segment that is to be coded as bytes must keep its values below 256 unshifted.
+    if (sizeof(T) == 2 && m_reduceWordSize && curMax > 255)
+        return 0;
+    return curMin;
+}
+
+template <typename T>
+size_t COptimalBiasDulo::LevelCompress(uint8_t* pUncData, const uint16_t& segSize, uint8_t* pCmpBuff)
+{
+    const size_t level = m_compressLevel;
+    const size_t elems = segSize / sizeof(T);
+    size_t result;
+    if (level == MIN_COMPRESS_LEVEL) {
+        result = Deflate<T>(pUncData, segSize, T(0), T(0), pCmpBuff);
+    } else {
+        T segmin = 0;
+        T bias = 0;
+        uint8_t* pData = pUncData;
+        alignas(8) uint8_t reduced[MAX_SEGMENT_BYTES]; // the segment less its minimum
+        if (level > FIND_OPTBIAS_COMP_LEVEL) {
+            segmin = GetTrueMinForEncode<T>(pUncData, elems);
+            if (segmin != 0 && segSize <= sizeof reduced) {
+                for (size_t i = 0; i < elems; ++i)
+                    StoreLE<T>(reduced + i * sizeof(T), T(LoadLE<T>(pUncData + i * sizeof(T)) - segmin));
+                pData = reduced;
+            } else {
+                segmin = 0;
+            }
+        }
+        if (level >= FIND_OPTBIAS_COMP_LEVEL) {
+            bias = CFindDuloBias<T>().FindDuloBias(pData, elems, 1);
+            if (m_debugCompression != 0) {
+                const std::ios_base::fmtflags saved = std::cout.flags();
+                std::cout << "L" << std::dec << level << " FindOptBias 0x" << std::hex << bias << " Seg " << std::dec
+                          << m_segsProcessed << " segmin " << segmin << std::endl;
+                std::cout.flags(saved);
+            }
+        } else {
+            bias = T(m_biasHint);
+        }
+        result = Deflate<T>(pData, segSize, segmin, bias, pCmpBuff);
+    }
+
+    ++m_segsProcessed;
+    if (level >= HINT_OPTBIAS_COMP_LEVEL && level < FIND_OPTBIAS_COMP_LEVEL &&
+        m_segsProcessed % (FIND_OPTBIAS_COMP_LEVEL - level) == 0) {
+        T hint = 0;
+        if (GetBiasHint<T>(pCmpBuff, result, &hint)) {
+            m_biasHint = hint;
+            if (m_debugCompression != 0) {
+                const std::ios_base::fmtflags saved = std::cout.flags();
+                std::cout << "L" << std::dec << level << " BiasHint 0x" << std::hex << hint << " Seg " << std::dec
+                          << m_segsProcessed << std::endl;
+                std::cout.flags(saved);
+            }
+        }
+    }
+    return result;
+}
+
+#define MERTAX_INSTANTIATE_LEVELS(T)                                                                                 \
+    template T COptimalBiasDulo::GetTrueMinForEncode<T>(const uint8_t*, const size_t&);                             \
+    template size_t COptimalBiasDulo::LevelCompress<T>(uint8_t*, const uint16_t&, uint8_t*);
+
+MERTAX_INSTANTIATE_LEVELS(uint8_t)
+MERTAX_INSTANTIATE_LEVELS(uint16_t)
+MERTAX_INSTANTIATE_LEVELS(uint32_t)
+MERTAX_INSTANTIATE_LEVELS(uint64_t)

@@ -1,0 +1,192 @@
+// Choice of segmin and bias: the histogram search, the bias hint read back from compressed
+// segments, and what each compression level puts into the segment headers.
+#include "CodecTestPeer.h"
+#include "FindDuloBias.h"
+#include "TestSupport.h"
+
+#include <gtest/gtest.h>
+
+namespace {
+
+using Bytes = std::vector<uint8_t>;
+
+TEST(BiasSelection, HistogramSearchTakesTheMostFrequentNibbleSmallestOnTies)
+{
+    const std::pair<Bytes, uint8_t> cases[] = {
+        {{}, 0x00}, {{0x12, 0x34, 0x32}, 0x32}, {{0x12, 0x34}, 0x12}, {{0x15, 0x65, 0x22, 0x32}, 0x12}};
+    for (const auto& c : cases)
+        EXPECT_EQ(CFindDuloBias<uint8_t>().FindDuloBias(c.first.data(), c.first.size(), 1), c.second);
+    const uint16_t shorts[] = {0xABCD, 0xAB00, 0x0BC0, 0x1111};
+    EXPECT_EQ(CFindDuloBias<uint16_t>().FindDuloBias(reinterpret_cast<const uint8_t*>(shorts), 4, 1), 0xABC0);
+}
+
+template <typename T>
+bool Hint(const Bytes& segment, T& hint)
+{
+    COptimalBiasDulo codec;
+    return COptimalBiasDuloTestPeer::GetBiasHint<T>(codec, segment, hint);
+}
+
+template <typename T>
+Bytes Encode(std::vector<T> cells, T segmin, T bias, bool reduce = false)
+{
+    COptimalBiasDulo codec;
+    if (reduce)
+        codec.SetReduceWordSize();
+    return COptimalBiasDuloTestPeer::Deflate<T>(codec, cells, segmin, bias);
+}
+
+TEST(BiasHint, LearnsTheMajorityNibblesAndKeepsTheBiasLowNibble)
+{
+    std::vector<uint16_t> cells(2048);
+    for (size_t i = 0; i < cells.size(); ++i)
+        cells[i] = i % 4 == 3 ? 0x1234 : 0x7777; // no six non-matches in a row
+    uint16_t hint = 0;
+    ASSERT_TRUE(Hint(Encode<uint16_t>(cells, 0, 0x1234), hint));
+    EXPECT_EQ(hint, 0x7774);
+
+    std::vector<uint32_t> level(1024, 0xCAFE0000);
+    uint32_t levelHint = 0;
+    ASSERT_TRUE(Hint(Encode<uint32_t>(level, 0, 0xCAFE0000), levelHint));
+    EXPECT_EQ(levelHint, 0xCAFE0000u);
+
+    std::vector<uint16_t> shifted(2048, 0x0042);
+    uint16_t shiftedHint = 0;
+    ASSERT_TRUE(Hint(Encode<uint16_t>(shifted, 1000, 0x0042), shiftedHint));
+    EXPECT_EQ(shiftedHint, 1000 + 0x42);
+}
+
+TEST(BiasHint, NonMatchRunEntryAttributesWholePlanesToTheStream)
+{
+    SegmentFields f;
+    f.standard = true;
+    f.hasBias = true;
+    f.bias = 0x3C;
+    f.stream = {0x70};
+    f.map = {0x41};
+    uint8_t hint = 0;
+    ASSERT_TRUE(Hint(BuildCompressedSegment(f), hint));
+    EXPECT_EQ(hint, 0x7C);
+}
+
+TEST(BiasHint, NothingToLearnFromStoredOrShortSegments)
+{
+    uint8_t hint = 0x55;
+    EXPECT_FALSE(Hint(BuildStoredSegment(0, Bytes(4096, 1)), hint));
+    EXPECT_FALSE(Hint(Encode<uint8_t>(Bytes(2047, 0x21), 0, 0x21), hint));
+    EXPECT_EQ(hint, 0x55);
+    EXPECT_TRUE(Hint(Encode<uint8_t>(Bytes(2048, 0x21), 0, 0x21), hint));
+    EXPECT_EQ(hint, 0x21);
+}
+
+TEST(BiasHint, ShortsCodedAsBytesGiveAByteHint)
+{
+    std::vector<uint16_t> cells(4096);
+    for (size_t i = 0; i < cells.size(); ++i)
+        cells[i] = uint16_t(0x90 + i % 3);
+    uint16_t hint = 0;
+    ASSERT_TRUE(Hint(Encode<uint16_t>(cells, 0, 0x0090, true), hint));
+    EXPECT_EQ(hint, 0x90);
+}
+
+// The segmin and bias fields of each segment of a compressed buffer.
+struct SegmentValues
+{
+    bool hasSegmin;
+    uint64_t segmin;
+    uint64_t bias;
+};
+
+std::vector<SegmentValues> SegmentsOf(const Bytes& cmp, size_t cellSize)
+{
+    std::vector<SegmentValues> values;
+    for (size_t pos = 0; pos < cmp.size();) {
+        const auto hdr = COptimalBiasDulo::SegmentHeader::FromWord(LoadWord(Bytes(cmp.begin() + pos, cmp.end())));
+        const size_t fieldBytes = hdr.byteMode == COptimalBiasDulo::BYTE_MODE ? 1 : cellSize;
+        size_t field = pos + (hdr.stdSegSize ? 4 : 6);
+        SegmentValues v{hdr.subadd == 1, 0, 0};
+        auto read = [&]() {
+            uint64_t x = 0;
+            std::memcpy(&x, cmp.data() + field, fieldBytes);
+            field += fieldBytes;
+            return x;
+        };
+        if (hdr.mapCode && hdr.subadd)
+            v.segmin = read();
+        if (hdr.mapCode && (hdr.algVersion == 1 || hdr.subadd))
+            v.bias = read();
+        values.push_back(v);
+        pos += hdr.compSegSize;
+    }
+    return values;
+}
+
+template <typename T>
+Bytes Compress(COptimalBiasDulo& codec, std::vector<T> cells)
+{
+    Bytes out(codec.GetWorstCaseCmpBufSize(sizeof(T), cells.size() * sizeof(T)));
+    out.resize(codec.Compress(cells.data(), cells.size() * sizeof(T), sizeof(T), out.data(), out.size()));
+    return out;
+}
+
+TEST(CompressionLevels, SegmentMinimumAtLevelNine)
+{
+    std::vector<uint16_t> cells(100);
+    for (size_t i = 0; i < cells.size(); ++i)
+        cells[i] = uint16_t(300 + i);
+    for (bool reduce : {false, true}) {
+        COptimalBiasDulo codec;
+        codec.SetCompressLevel(9);
+        if (reduce)
+            codec.SetReduceWordSize();
+        const auto segs = SegmentsOf(Compress(codec, cells), 2);
+        ASSERT_EQ(segs.size(), 1u);
+        EXPECT_EQ(segs[0].hasSegmin, !reduce);
+        EXPECT_EQ(segs[0].segmin, reduce ? 0u : 300u);
+    }
+    struct Case
+    {
+        std::vector<uint32_t> cells;
+        bool hasSegmin;
+    };
+    const Case cases[] = {{{1000, 1001, 1002}, false}, {{1000, 1001, 1002, 1003}, true}, {{5, 0, 5, 5, 5}, false}};
+    for (const Case& c : cases) {
+        COptimalBiasDulo codec;
+        codec.SetCompressLevel(9);
+        EXPECT_EQ(SegmentsOf(Compress(codec, c.cells), 4)[0].hasSegmin, c.hasSegmin) << c.cells.size();
+    }
+}
+
+TEST(CompressionLevels, HintFromEveryFourthSegmentAtLevelFourCarriesAcrossCalls)
+{
+    std::vector<uint16_t> cells(6 * 2048);
+    for (size_t i = 0; i < cells.size(); ++i)
+        cells[i] = i % 3 == 0 ? 0x0000 : 0x0500; // never six non-matches in a row
+    COptimalBiasDulo codec;
+    codec.SetDebugLevel(1);
+    CCapturedStream captured(std::cout);
+    const auto first = SegmentsOf(Compress(codec, cells), 2);
+    ASSERT_EQ(first.size(), 6u);
+    for (size_t seg = 0; seg < 4; ++seg)
+        EXPECT_EQ(first[seg].bias, 0u) << seg;
+    EXPECT_EQ(first[4].bias, 0x0500u);
+    EXPECT_EQ(first[5].bias, 0x0500u);
+    EXPECT_EQ(captured.Text(), "L4 BiasHint 0x500 Seg 4\n");
+
+    const auto second = SegmentsOf(Compress(codec, std::vector<uint16_t>(2048, 7)), 2);
+    EXPECT_EQ(second[0].bias, 0x0500u);
+}
+
+TEST(CompressionLevels, ByteInstancePrintsValuesAsRawCharacters)
+{
+    COptimalBiasDulo codec;
+    codec.SetCompressLevel(9);
+    codec.SetDebugLevel(1);
+    CCapturedStream captured(std::cout);
+    Compress<uint8_t>(codec, {'a', 'a', 'q', 'a', 'a'});
+    const std::string expected = std::string("GetTrueMin: cur min: 0xa e: 5\nL9 FindOptBias 0x") + '\0' +
+                                 " Seg 0 segmin a\n";
+    EXPECT_EQ(captured.Text(), expected);
+}
+
+} // namespace
