@@ -1,6 +1,7 @@
 #!/usr/bin/env bash
 # The project's one entry point.
-#   ./run.sh test   install what is missing, build (normal and sanitizer builds), run every test
+#   ./run.sh test            install what is missing, build (normal and sanitizer builds), run every test
+#   ./run.sh bench [--quick] build and print the whole-buffer benchmark table
 set -euo pipefail
 cd "$(dirname "$0")"
 
@@ -38,10 +39,21 @@ run_tests() {
         ctest --test-dir build-sanitize --output-on-failure -j"$JOBS"
 }
 
+run_bench() {
+    ensure_packages
+    configure_and_build build -DCMAKE_BUILD_TYPE=Release
+    echo "CPU: $(grep -m1 'model name' /proc/cpuinfo | cut -d: -f2- | sed 's/^ *//'), $(g++ --version | head -1), -O2"
+    ./build/bench/buffer_bench "$@"
+}
+
 case "${1:-}" in
 test) run_tests ;;
+bench)
+    shift
+    run_bench "$@"
+    ;;
 *)
-    echo "usage: $0 test" >&2
+    echo "usage: $0 test | bench [--quick]" >&2
     exit 2
     ;;
 esac
