@@ -149,13 +149,7 @@ TEST(CompressRoundTrip, AwkwardShapesForEveryCellSize)
 {
     for (EShape shape : ALL_SHAPES) {
         for (size_t cellSize : {1, 2, 4, 8}) {
-            Bytes input;
-            switch (cellSize) {
-            case 1: input = MakeShape<uint8_t>(shape, 9000); break;
-            case 2: { auto c = MakeShape<uint16_t>(shape, 4500); input.assign(reinterpret_cast<uint8_t*>(c.data()), reinterpret_cast<uint8_t*>(c.data() + c.size())); break; }
-            case 4: { auto c = MakeShape<uint32_t>(shape, 2250); input.assign(reinterpret_cast<uint8_t*>(c.data()), reinterpret_cast<uint8_t*>(c.data() + c.size())); break; }
-            default: { auto c = MakeShape<uint64_t>(shape, 1125); input.assign(reinterpret_cast<uint8_t*>(c.data()), reinterpret_cast<uint8_t*>(c.data() + c.size())); break; }
-            }
+            const Bytes input = MakeShapeBytes(shape, cellSize, 9000 / cellSize);
             for (size_t level : {0, 1, 4, 7, 8, 9, 12})
                 for (bool reduce : {false, true})
                     CheckRoundTrip(input, cellSize, level, reduce,

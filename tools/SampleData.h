@@ -76,6 +76,21 @@ std::vector<T> MakeShape(EShape shape, size_t count, uint64_t seed = 1)
     return cells;
 }
 
+// The shape as `count` little-endian cells of cellSize (1, 2, 4 or 8) bytes.
+inline std::vector<uint8_t> MakeShapeBytes(EShape shape, size_t cellSize, size_t count, uint64_t seed = 1)
+{
+    auto asBytes = [](const auto& cells) {
+        const auto* p = reinterpret_cast<const uint8_t*>(cells.data());
+        return std::vector<uint8_t>(p, p + cells.size() * sizeof(cells[0]));
+    };
+    switch (cellSize) {
+    case 1: return MakeShape<uint8_t>(shape, count, seed);
+    case 2: return asBytes(MakeShape<uint16_t>(shape, count, seed));
+    case 4: return asBytes(MakeShape<uint32_t>(shape, count, seed));
+    default: return asBytes(MakeShape<uint64_t>(shape, count, seed));
+    }
+}
+
 // Realistic detector data sets, as a byte buffer of cells.
 enum class EDataSet
 {
