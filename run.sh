@@ -5,7 +5,7 @@
 set -euo pipefail
 cd "$(dirname "$0")"
 
-PACKAGES=(cmake make g++ pkg-config libgtest-dev libbenchmark-dev)
+PACKAGES=(cmake make g++ pkg-config libgtest-dev libbenchmark-dev libboost-dev)
 JOBS=$(nproc)
 
 ensure_packages() {
