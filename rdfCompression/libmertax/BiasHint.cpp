@@ -4,6 +4,7 @@
 
 #include "ByteAccess.h"
 #include "FindDuloBias.h"
+#include "MapEntry.h"
 #include "NonMatchReader.h"
 
 #include <algorithm>
@@ -179,14 +180,9 @@ bool COptimalBiasDulo::GetBiasHint(const uint8_t* pCmpData, size_t segLength, T*
             return false;
         const uint8_t entry = *pMap++;
         if (entry & 0x80) {
-            size_t matches = entry & 0x3F;
-            if ((entry & 0x60) == 0x40) {
-                matches = 64 + (entry & 0x1F);
-            } else if ((entry & 0x60) == 0x60) {
-                if (pMap == pMapEnd)
-                    return false;
-                matches = 96 + (size_t(entry & 0x1F) << 8) + *pMap++;
-            }
+            size_t matches;
+            if (!ReadMatchSkip(entry, pMap, pMapEnd, matches))
+                return false;
             replay.Matches(matches);
             if (!replay.Done() && !nonMatch())
                 return false;

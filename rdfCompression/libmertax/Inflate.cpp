@@ -2,6 +2,7 @@
 #include "OptimalBiasDulo.h"
 
 #include "ByteAccess.h"
+#include "MapEntry.h"
 #include "NonMatchReader.h"
 
 #include <cstring>
@@ -70,20 +71,6 @@ private:
     T m_biasNibMask;
 };
 
-// Count of matching slots of a match skip entry (bit 7 set); the long form takes a second byte.
-inline size_t MatchSkipCount(uint8_t entry, const uint8_t*& pMap, const uint8_t* pMapEnd, bool& ok)
-{
-    if ((entry & 0x40) == 0)
-        return entry & 0x3F;
-    if ((entry & 0x20) == 0)
-        return 64 + (entry & 0x1F);
-    if (pMap == pMapEnd) {
-        ok = false;
-        return 0;
-    }
-    return 96 + (size_t(entry & 0x1F) << 8) + *pMap++;
-}
-
 } // namespace
 
 template <typename T>
@@ -147,9 +134,8 @@ size_t COptimalBiasDulo::Inflate(const uint8_t* pCmpData, size_t segLength, uint
             return 0;
         const uint8_t entry = *pMap++;
         if (entry & 0x80) {
-            bool ok = true;
-            const size_t matches = MatchSkipCount(entry, pMap, pMapEnd, ok);
-            if (!ok)
+            size_t matches;
+            if (!ReadMatchSkip(entry, pMap, pMapEnd, matches))
                 return 0;
             if (!slot.Skip(matches))
                 break;
