@@ -27,6 +27,8 @@ class MERTAX_FilterConfig : public H5DefaultEncoder
 {
 public:
     static constexpr unsigned int FILTER_VERSION = 1;
+    // Header and the four fields: the whole of the filter's client data.
+    static constexpr size_t ENCODED_LENGTH = FILTER_DATA_HEADER_FIELDS + 4;
 
     void SetFilterData(const MERTAX_FilterData& data)
     {

@@ -13,7 +13,7 @@
 #include <cstdint>
 #include <string>
 
-#define MERTAX_API __attribute__((visibility("default")))
+#include "MertaxApi.h"
 
 class MERTAX_API COptimalBiasDulo
 {

@@ -1,0 +1,102 @@
+// The filter function: HDF5 calls it for every chunk, to compress it on write and to expand it on
+// read. Each call decodes the dataset's client data and runs a fresh codec between HDF5's buffer
+// and one buffer of its own, which replaces HDF5's on success.
+#include "MERTAX_Debug.h"
+#include "MERTAX_Filter.h"
+#include "MERTAX_FilterData.h"
+#include "OptimalBiasDulo.h"
+#include "Report.h"
+
+#include <algorithm>
+#include <cstdint>
+#include <cstdlib>
+#include <iomanip>
+#include <iostream>
+
+namespace {
+
+size_t ExpandChunk(COptimalBiasDulo& codec, const MERTAX_FilterData& filterData, size_t numOfbytes,
+                   size_t* buf_size, void** buf)
+{
+    // Datasets whose client data lacks the chunk size expand into HDF5's buffer size.
+    const uint32_t nbytes = filterData.GetBufferSize() != 0 ? filterData.GetBufferSize() : uint32_t(*buf_size);
+    void* outBuffer = std::malloc(nbytes);
+    if (outBuffer == nullptr) {
+        ReportFailure(std::cerr, "MERTAX filter unable to malloc ", nbytes, " bytes for data expansion");
+        return 0;
+    }
+    // Byte segments written from 16-bit data under word-size reduction come back as 16-bit cells.
+    codec.SetInflateWordSize(filterData.GetCellBytes());
+
+    if (IsDuloDebugEnabled()) {
+        const std::ios_base::fmtflags savedFlags = std::cout.flags();
+        const char savedFill = std::cout.fill();
+        std::cout << "MERTAX reading data at: " << std::hex << std::setfill('0') << *buf << std::dec
+                  << " compressed bytes: " << numOfbytes << std::endl;
+        std::cout.fill(savedFill);
+        std::cout.flags(savedFlags);
+    }
+    const size_t expanded = codec.Decompress(static_cast<const uint8_t*>(*buf), numOfbytes, outBuffer, nbytes);
+    const uint32_t dataWritten = uint32_t(expanded);
+    if (IsDuloDebugEnabled())
+        std::cout << "MERTAX expanded to " << dataWritten << " bytes" << std::endl;
+
+    // Anything but the exact chunk size is a damaged chunk; the codec has said why.
+    if (expanded != nbytes) {
+        std::free(outBuffer);
+        return 0;
+    }
+    std::free(*buf);
+    *buf = outBuffer;
+    *buf_size = nbytes;
+    return dataWritten;
+}
+
+size_t CompressChunk(COptimalBiasDulo& codec, const MERTAX_FilterData& filterData, size_t numOfbytes,
+                     size_t* buf_size, void** buf)
+{
+    const uint32_t cellBytes = filterData.GetCellBytes();
+    const size_t bytesToDo = numOfbytes;
+    if (cellBytes == 2) {
+        codec.SetReduceWordSize();
+        if (IsDuloDebugEnabled())
+            std::cout << "MERTAX compress filter will ReduceWordSize " << std::endl;
+    }
+    const uint32_t outDataSize = uint32_t(codec.GetWorstCaseCmpBufSize(cellBytes, bytesToDo));
+    uint8_t* outBuffer = static_cast<uint8_t*>(std::malloc(outDataSize));
+    if (outBuffer == nullptr) {
+        ReportFailure(std::cerr, "MERTAX filter unable to malloc ", outDataSize, " bytes for data compression");
+        return 0;
+    }
+    codec.SetCompressLevel(filterData.GetCompressLevel());
+
+    const uint32_t dataWritten = uint32_t(codec.Compress(*buf, bytesToDo, cellBytes, outBuffer, outDataSize));
+    if (dataWritten == 0) {
+        ReportFailure(std::cerr, "Error: MERTAX compress unsuccessful ");
+        std::free(outBuffer);
+        return 0;
+    }
+    std::free(*buf);
+    *buf = outBuffer;
+    // HDF5 gets the allocated size, not the compressed length.
+    *buf_size = outDataSize;
+    return dataWritten;
+}
+
+} // namespace
+
+size_t H5Z_filter_dulo(unsigned int flags, size_t cd_nelmts, const unsigned int cd_values[], size_t numOfbytes,
+                       size_t* buf_size, void** buf)
+{
+    // Client data that is missing or of another encode version leaves every parameter 0: expansion
+    // then uses HDF5's buffer size and compression fails on the cell size.
+    MERTAX_FilterConfig config;
+    MERTAX_FilterData filterData;
+    config.SetEncodedData(cd_values, unsigned(std::min(cd_nelmts, MERTAX_FilterConfig::ENCODED_LENGTH)));
+    config.GetFilterData(filterData);
+
+    COptimalBiasDulo codec;
+    if (flags & H5Z_FLAG_REVERSE)
+        return ExpandChunk(codec, filterData, numOfbytes, buf_size, buf);
+    return CompressChunk(codec, filterData, numOfbytes, buf_size, buf);
+}

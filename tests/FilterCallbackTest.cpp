@@ -1,0 +1,228 @@
+// The filter function called the way HDF5 calls it: malloc'ed buffers that it replaces, client
+// data words, failure by returning 0, and the MERTAX_DEBUG lines.
+#include "MERTAX_Filter.h"
+#include "OptimalBiasDulo.h"
+#include "SampleData.h"
+#include "TestSupport.h"
+
+#include <gtest/gtest.h>
+
+#include <cstdlib>
+#include <cstring>
+#include <regex>
+#include <vector>
+
+namespace {
+
+// A buffer as HDF5 hands it to a filter: malloc'ed, replaced by the filter on success.
+class CChunkBuffer
+{
+public:
+    explicit CChunkBuffer(const std::vector<uint8_t>& bytes, size_t allocated = 0)
+        : m_size(std::max(allocated, bytes.size())), m_buf(std::malloc(m_size))
+    {
+        std::memcpy(m_buf, bytes.data(), bytes.size());
+    }
+    ~CChunkBuffer() { std::free(m_buf); }
+    CChunkBuffer(const CChunkBuffer&) = delete;
+    CChunkBuffer& operator=(const CChunkBuffer&) = delete;
+
+    size_t Run(unsigned flags, const std::vector<unsigned>& cd, size_t validBytes)
+    {
+        return H5Z_filter_dulo(flags, cd.size(), cd.data(), validBytes, &m_size, &m_buf);
+    }
+    std::vector<uint8_t> Bytes(size_t count) const
+    {
+        const uint8_t* p = static_cast<const uint8_t*>(m_buf);
+        return std::vector<uint8_t>(p, p + count);
+    }
+    size_t m_size;
+    void* m_buf;
+};
+
+std::vector<unsigned> ClientData(unsigned bufferSize, unsigned cellBytes, unsigned level)
+{
+    return {1, 1, bufferSize, 0, cellBytes, level};
+}
+
+class CDebugSwitch
+{
+public:
+    explicit CDebugSwitch(const char* value)
+    {
+        if (value != nullptr)
+            setenv("MERTAX_DEBUG", value, 1);
+        else
+            unsetenv("MERTAX_DEBUG");
+    }
+    ~CDebugSwitch() { unsetenv("MERTAX_DEBUG"); }
+};
+
+// The chunk compressed by the filter function; a failed compression fails the test.
+std::vector<uint8_t> CompressedChunk(const std::vector<uint8_t>& raw, unsigned cellBytes, unsigned level)
+{
+    CChunkBuffer chunk(raw);
+    const size_t length = chunk.Run(0, ClientData(0, cellBytes, level), raw.size());
+    EXPECT_NE(length, 0u);
+    return chunk.Bytes(length);
+}
+
+TEST(FilterCallback, ChunksRoundTripAndMatchTheCodecForEveryCellSize)
+{
+    for (unsigned cellBytes : {1u, 2u, 4u, 8u}) {
+        for (unsigned level : {0u, 4u, 8u, 9u}) {
+            SCOPED_TRACE(testing::Message() << "cellBytes " << cellBytes << " level " << level);
+            const std::vector<uint8_t> raw = MakeShapeBytes(EShape::LOW_COUNTS, cellBytes, 5000 / cellBytes * 3);
+
+            CChunkBuffer chunk(raw);
+            const size_t length = chunk.Run(0, ClientData(0, cellBytes, level), raw.size());
+            ASSERT_NE(length, 0u);
+
+            // Word-size reduction is on for 16-bit cells only.
+            COptimalBiasDulo codec;
+            if (cellBytes == 2)
+                codec.SetReduceWordSize();
+            codec.SetCompressLevel(level);
+            std::vector<uint8_t> input = raw;
+            std::vector<uint8_t> expected(codec.GetWorstCaseCmpBufSize(cellBytes, raw.size()));
+            expected.resize(codec.Compress(input.data(), input.size(), cellBytes, expected.data(), expected.size()));
+            EXPECT_EQ(chunk.m_size, codec.GetWorstCaseCmpBufSize(cellBytes, raw.size()));
+            ASSERT_EQ(chunk.Bytes(length), expected);
+
+            EXPECT_EQ(chunk.Run(H5Z_FLAG_REVERSE, ClientData(unsigned(raw.size()), cellBytes, level), length),
+                      raw.size());
+            EXPECT_EQ(chunk.m_size, raw.size());
+            EXPECT_EQ(chunk.Bytes(raw.size()), raw);
+        }
+    }
+}
+
+TEST(FilterCallback, SixteenBitChunkOf4096BytesReportsTheWorstCaseAsBufferSize)
+{
+    const std::vector<uint8_t> raw = MakeShapeBytes(EShape::NEAR_LEVEL, 2, 2048);
+    CChunkBuffer chunk(raw);
+    const size_t length = chunk.Run(0, ClientData(4096, 2, 4), raw.size());
+    EXPECT_GT(length, 0u);
+    EXPECT_LT(length, 4096u);
+    EXPECT_EQ(chunk.m_size, 4104u);
+}
+
+TEST(FilterCallback, ExpansionMustGiveExactlyTheExpectedSize)
+{
+    const std::vector<uint8_t> raw = MakeShapeBytes(EShape::LOW_COUNTS, 4, 250);
+    const std::vector<uint8_t> compressed = CompressedChunk(raw, 4, 4);
+    struct Case
+    {
+        const char* what;
+        unsigned bufferSize;  // in the client data
+        size_t allocated;     // HDF5's buffer size
+        bool expands;
+    } cases[] = {
+        {"exact bufferSize", 1000, 0, true},
+        {"bufferSize one byte more", 1001, 0, false},
+        {"bufferSize one byte less", 999, 0, false},
+        {"bufferSize 0, HDF5 buffer of the chunk size", 0, 1000, true},
+        {"bufferSize 0, larger HDF5 buffer", 0, 1200, false},
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.what);
+        CChunkBuffer chunk(compressed, c.allocated);
+        const void* before = chunk.m_buf;
+        const size_t sizeBefore = chunk.m_size;
+        CCapturedStream out(std::cout);
+        const size_t result = chunk.Run(H5Z_FLAG_REVERSE, ClientData(c.bufferSize, 4, 4), compressed.size());
+        if (c.expands) {
+            EXPECT_EQ(result, 1000u);
+            EXPECT_EQ(chunk.Bytes(1000), raw);
+        } else {
+            EXPECT_EQ(result, 0u);
+            EXPECT_EQ(chunk.m_buf, before);
+            EXPECT_EQ(chunk.m_size, sizeBefore);
+            EXPECT_EQ(chunk.Bytes(compressed.size()), compressed);
+        }
+    }
+}
+
+TEST(FilterCallback, CompressionFailureLeavesTheChunkAndSaysSo)
+{
+    const std::vector<uint8_t> raw = MakeShapeBytes(EShape::LOW_COUNTS, 1, 999);
+    struct Case
+    {
+        const char* what;
+        std::vector<unsigned> cd;
+    } cases[] = {
+        {"cell size 3", ClientData(999, 3, 4)},
+        {"cell size 2 for an odd byte count", ClientData(999, 2, 4)},
+        {"no client data", {}},
+        {"another encode version", {1, 2, 999, 0, 1, 4}},
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.what);
+        CChunkBuffer chunk(raw);
+        const void* before = chunk.m_buf;
+        CCapturedStream err(std::cerr);
+        EXPECT_EQ(chunk.Run(0, c.cd, raw.size()), 0u);
+        EXPECT_EQ(chunk.m_buf, before);
+        EXPECT_EQ(chunk.m_size, raw.size());
+        EXPECT_EQ(chunk.Bytes(raw.size()), raw);
+        const std::string text = err.Text();
+        const std::string last = "Error: MERTAX compress unsuccessful \n";
+        ASSERT_GE(text.size(), last.size());
+        EXPECT_EQ(text.substr(text.size() - last.size()), last);
+    }
+}
+
+TEST(FilterCallback, ClientDataBeyondSixWordsIsIgnored)
+{
+    const std::vector<uint8_t> raw = MakeShapeBytes(EShape::LOW_COUNTS, 2, 3000);
+    CChunkBuffer chunk(raw);
+    const std::vector<unsigned> cd = {1, 1, 6000, 0, 2, 4, 77, 88, 99};
+    const size_t length = chunk.Run(0, cd, raw.size());
+    ASSERT_NE(length, 0u);
+    EXPECT_EQ(chunk.Run(H5Z_FLAG_REVERSE, cd, length), raw.size());
+    EXPECT_EQ(chunk.Bytes(raw.size()), raw);
+}
+
+TEST(FilterCallback, DebugLinesFollowMertaxDebug)
+{
+    const std::vector<uint8_t> raw16 = MakeShapeBytes(EShape::LOW_COUNTS, 2, 3000);
+    const std::vector<uint8_t> raw8 = MakeShapeBytes(EShape::LOW_COUNTS, 1, 3000);
+    const std::vector<uint8_t> compressed = CompressedChunk(raw16, 2, 4);
+    struct Case
+    {
+        const char* value;
+        bool on;
+    } cases[] = {{nullptr, false}, {"", false}, {"0", false}, {"no", false}, {"1", true}, {"y", true}, {"Yes", true}};
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.value ? c.value : "unset");
+        CDebugSwitch debug(c.value);
+
+        CChunkBuffer reading(compressed);
+        CCapturedStream readOut(std::cout);
+        const void* address = reading.m_buf;
+        ASSERT_EQ(reading.Run(H5Z_FLAG_REVERSE, ClientData(6000, 2, 4), compressed.size()), 6000u);
+        std::ostringstream expected;
+        expected << "MERTAX reading data at: " << address << " compressed bytes: " << compressed.size() << "\n"
+                 << "MERTAX expanded to 6000 bytes\n";
+        EXPECT_EQ(readOut.Text(), c.on ? expected.str() : "");
+
+        CChunkBuffer writing16(raw16);
+        CCapturedStream writeOut(std::cout);
+        ASSERT_NE(writing16.Run(0, ClientData(6000, 2, 4), raw16.size()), 0u);
+        EXPECT_EQ(writeOut.Text(), c.on ? "MERTAX compress filter will ReduceWordSize \n" : "");
+
+        // 8-bit data never takes word-size reduction, so it never says so.
+        CChunkBuffer writing8(raw8);
+        CCapturedStream write8Out(std::cout);
+        ASSERT_NE(writing8.Run(0, ClientData(3000, 1, 9), raw8.size()), 0u);
+        EXPECT_EQ(write8Out.Text(), "");
+    }
+}
+
+TEST(FilterCallback, CanApplyAcceptsEveryDatatype)
+{
+    EXPECT_EQ(H5Z_dulo_can_apply_filter_cb(H5P_DEFAULT, H5T_NATIVE_FLOAT, H5S_ALL), 1);
+    EXPECT_EQ(H5Z_dulo_can_apply_filter_cb(H5P_DEFAULT, H5T_NATIVE_UINT16, H5S_ALL), 1);
+}
+
+} // namespace
