@@ -5,7 +5,7 @@
 set -euo pipefail
 cd "$(dirname "$0")"
 
-PACKAGES=(cmake make g++ pkg-config libgtest-dev libbenchmark-dev libboost-dev)
+PACKAGES=(cmake make g++ pkg-config libgtest-dev libbenchmark-dev libboost-dev libhdf5-dev hdf5-tools python3-h5py python3-numpy)
 JOBS=$(nproc)
 
 ensure_packages() {

@@ -1,0 +1,240 @@
+// Datasets written and read through the real HDF5 library with filter 32910 loaded as a plugin.
+#include "../TestSupport.h"
+#include "Hdf5Handles.h"
+#include "SampleData.h"
+
+#include <gtest/gtest.h>
+
+#include <cstdlib>
+#include <functional>
+#include <numeric>
+#include <regex>
+
+namespace {
+
+class PluginEndToEnd : public testing::Test
+{
+protected:
+    void SetUp() override
+    {
+        // Failures are expected in some tests; they are checked through return values.
+        H5Eset_auto2(H5E_DEFAULT, nullptr, nullptr);
+        const testing::TestInfo* info = testing::UnitTest::GetInstance()->current_test_info();
+        m_path = testing::TempDir() + "mertax_" + info->name() + ".h5";
+    }
+    void TearDown() override
+    {
+        unsetenv("MERTAX_DEBUG");
+        std::remove(m_path.c_str());
+    }
+    std::string m_path;
+};
+
+struct SDatasetCase
+{
+    std::string name;
+    size_t cellBytes;
+    unsigned level;
+    std::vector<hsize_t> dims;
+    std::vector<hsize_t> chunk;
+    EShape shape;
+};
+
+size_t Product(const std::vector<hsize_t>& v)
+{
+    return std::accumulate(v.begin(), v.end(), size_t(1), std::multiplies<size_t>());
+}
+
+std::vector<SDatasetCase> DatasetCases()
+{
+    std::vector<SDatasetCase> cases;
+    // Edge chunks are partial in both dimensions: 45 = 2 * 16 + 13, 700 = 2 * 256 + 188.
+    for (size_t cellBytes : {1, 2, 4, 8})
+        for (unsigned level : {0u, 1u, 4u, 7u, 8u, 9u})
+            for (EShape shape : {EShape::LOW_COUNTS, EShape::NEAR_LEVEL})
+                cases.push_back({"u" + std::to_string(8 * cellBytes) + "_level" + std::to_string(level) + "_" +
+                                     ShapeName(shape),
+                                 cellBytes, level, {45, 700}, {16, 256}, shape});
+    cases.push_back({"u16_3d", 2, 4, {6, 40, 90}, {4, 16, 64}, EShape::LOW_COUNTS});
+    // 18000-byte chunks of small 16-bit values: reduced segments of 8192 bytes and a short one.
+    cases.push_back({"u16_reduced", 2, 9, {100000}, {9000}, EShape::LOW_COUNTS});
+    cases.push_back({"u64_random", 8, 4, {3000}, {1000}, EShape::RANDOM});
+    return cases;
+}
+
+TEST_F(PluginEndToEnd, EveryCellSizeAndLevelRoundTripsThroughAFile)
+{
+    const std::vector<SDatasetCase> cases = DatasetCases();
+    std::vector<std::vector<uint8_t>> written;
+    {
+        CHid file = CreateFile(m_path);
+        ASSERT_TRUE(file.Valid());
+        uint64_t seed = 1;
+        for (const SDatasetCase& c : cases) {
+            written.push_back(MakeShapeBytes(c.shape, c.cellBytes, Product(c.dims), seed++));
+            CHid dataset = CreateFilteredDataset(file, c.name, c.cellBytes, c.dims, c.chunk,
+                                                 {1, 1, 0, 0, unsigned(c.cellBytes), c.level});
+            ASSERT_TRUE(dataset.Valid()) << c.name;
+            ASSERT_GE(WriteAll(dataset, c.cellBytes, written.back()), 0) << c.name;
+        }
+        ASSERT_GE(file.Close(), 0);
+    }
+
+    CHid file = OpenFile(m_path);
+    ASSERT_TRUE(file.Valid());
+    for (size_t i = 0; i < cases.size(); ++i) {
+        const SDatasetCase& c = cases[i];
+        SCOPED_TRACE(c.name);
+        CHid dataset = OpenDataset(file, c.name);
+        EXPECT_EQ(ReadAll(dataset, c.cellBytes, written[i].size()), written[i]);
+
+        const SStoredFilter stored = StoredFilter(dataset);
+        const unsigned chunkBytes = unsigned(Product(c.chunk) * c.cellBytes);
+        EXPECT_EQ(stored.cd, (std::vector<unsigned>{1, 1, chunkBytes, 0, unsigned(c.cellBytes), c.level}));
+        EXPECT_EQ(stored.name, "ZORV MERTAX Compression Filter");
+        if (c.shape == EShape::LOW_COUNTS) {
+            EXPECT_LT(H5Dget_storage_size(dataset), written[i].size() / 2);
+        }
+    }
+}
+
+TEST_F(PluginEndToEnd, SetLocalFillsBufferSizeAndKeepsTheFilterFlags)
+{
+    CHid file = CreateFile(m_path);
+    setenv("MERTAX_DEBUG", "1", 1);
+    CCapturedStream out(std::cout);
+    CHid dataset = CreateFilteredDataset(file, "singles", 4, {3000}, {1000}, {1, 1, 0, 0, 4, 6}, H5Z_FLAG_OPTIONAL);
+    ASSERT_TRUE(dataset.Valid());
+    EXPECT_EQ(out.Text(), "MERTAX bufferSize: 4000\n"
+                          "MERTAX flags: 0x00000000\n"
+                          "MERTAX cellBytes: 4\n"
+                          "MERTAX compressLevel: 6\n");
+    const SStoredFilter stored = StoredFilter(dataset);
+    EXPECT_EQ(stored.cd, (std::vector<unsigned>{1, 1, 4000, 0, 4, 6}));
+    EXPECT_EQ(stored.flags, unsigned(H5Z_FLAG_OPTIONAL));
+}
+
+TEST_F(PluginEndToEnd, DatasetWithoutFilterVersionIsNotCreated)
+{
+    CHid file = CreateFile(m_path);
+    const std::vector<unsigned> noVersion[] = {{}, {1}, {0, 1, 0, 0, 2, 4}};
+    for (const std::vector<unsigned>& cd : noVersion) {
+        SCOPED_TRACE(testing::Message() << cd.size() << " words");
+        CCapturedStream out(std::cout);
+        CHid dataset = CreateFilteredDataset(file, "d" + std::to_string(cd.size()), 2, {100}, {50}, cd);
+        EXPECT_FALSE(dataset.Valid());
+        EXPECT_EQ(out.Text(), "MERTAX filter version not set, updating to: 1\n");
+    }
+}
+
+TEST_F(PluginEndToEnd, DebugLinesOnReadOnlyWhenSwitchedOn)
+{
+    const std::vector<uint8_t> data = MakeShapeBytes(EShape::LOW_COUNTS, 2, 5000);
+    {
+        CHid file = CreateFile(m_path);
+        CHid dataset = CreateFilteredDataset(file, "one_chunk", 2, {5000}, {5000}, {1, 1, 0, 0, 2, 4});
+        ASSERT_GE(WriteAll(dataset, 2, data), 0);
+    }
+    const std::regex onRead("MERTAX reading data at: 0x[0-9a-f]+ compressed bytes: [0-9]+\n"
+                            "MERTAX expanded to 10000 bytes\n");
+    for (const char* value : {"y", "n", "1", ""}) {
+        SCOPED_TRACE(value);
+        setenv("MERTAX_DEBUG", value, 1);
+        CHid file = OpenFile(m_path);
+        CHid dataset = OpenDataset(file, "one_chunk");
+        CCapturedStream out(std::cout);
+        EXPECT_EQ(ReadAll(dataset, 2, data.size()), data);
+        if (value[0] == 'y' || value[0] == '1')
+            EXPECT_TRUE(std::regex_match(out.Text(), onRead)) << out.Text();
+        else
+            EXPECT_EQ(out.Text(), "");
+    }
+}
+
+// The first stored chunk of a dataset, as the filter wrote it.
+std::vector<uint8_t> ReadRawChunk(hid_t dataset, const hsize_t* offset)
+{
+    hsize_t size = 0;
+    H5Dget_chunk_storage_size(dataset, offset, &size);
+    std::vector<uint8_t> chunk(size);
+    uint32_t filterMask = 0;
+    H5Dread_chunk(dataset, H5P_DEFAULT, offset, &filterMask, chunk.data());
+    return chunk;
+}
+
+TEST_F(PluginEndToEnd, DamagedChunkFailsTheReadAndTheRestStaysReadable)
+{
+    const size_t cells = 20000;
+    const std::vector<uint8_t> data = MakeShapeBytes(EShape::LOW_COUNTS, 2, cells);
+    const hsize_t first[] = {0};
+    std::vector<uint8_t> good;
+    {
+        CHid file = CreateFile(m_path);
+        CHid dataset = CreateFilteredDataset(file, "sino", 2, {cells}, {cells / 2}, {1, 1, 0, 0, 2, 4});
+        ASSERT_GE(WriteAll(dataset, 2, data), 0);
+        ASSERT_GE(H5Dflush(dataset), 0);
+        good = ReadRawChunk(dataset, first);
+        ASSERT_GT(good.size(), 64u);
+    }
+    struct Damage
+    {
+        const char* what;
+        std::function<void(std::vector<uint8_t>&)> apply;
+    } damages[] = {
+        {"truncated to half", [](std::vector<uint8_t>& c) { c.resize(c.size() / 2); }},
+        {"truncated to 3 bytes", [](std::vector<uint8_t>& c) { c.resize(3); }},
+        {"one byte missing", [](std::vector<uint8_t>& c) { c.pop_back(); }},
+        {"segment length bits flipped", [](std::vector<uint8_t>& c) { c[3] ^= 0x80; }},
+        {"segment size field zeroed", [](std::vector<uint8_t>& c) { c[0] &= 0xFE; c[4] = c[5] = 0; }},
+        {"cell size bits flipped", [](std::vector<uint8_t>& c) { c[0] ^= 0x0C; }},
+        {"all ones", [](std::vector<uint8_t>& c) { std::fill(c.begin(), c.end(), 0xFF); }},
+    };
+    for (const Damage& damage : damages) {
+        SCOPED_TRACE(damage.what);
+        std::vector<uint8_t> bad = good;
+        damage.apply(bad);
+        {
+            CHid file = OpenFile(m_path);
+            CHid dataset = OpenDataset(file, "sino");
+            ASSERT_GE(H5Dwrite_chunk(dataset, H5P_DEFAULT, 0, first, bad.size(), bad.data()), 0);
+        }
+        CHid file = OpenFile(m_path);
+        CHid dataset = OpenDataset(file, "sino");
+        EXPECT_TRUE(ReadAll(dataset, 2, data.size()).empty());
+
+        // The second chunk is intact and still reads.
+        const hsize_t start[] = {cells / 2}, count[] = {cells / 2};
+        CHid fileSpace(H5Dget_space(dataset), H5Sclose);
+        H5Sselect_hyperslab(fileSpace, H5S_SELECT_SET, start, nullptr, count, nullptr);
+        CHid memSpace(H5Screate_simple(1, count, nullptr), H5Sclose);
+        std::vector<uint8_t> half(data.size() / 2);
+        ASSERT_GE(H5Dread(dataset, H5T_NATIVE_UINT16, memSpace, fileSpace, H5P_DEFAULT, half.data()), 0);
+        EXPECT_TRUE(std::equal(half.begin(), half.end(), data.begin() + data.size() / 2));
+    }
+}
+
+// A chunk that the filter cannot compress (cell size 3) fails the write. HDF5 1.10 reports it only
+// when the chunk is flushed and may not survive further use of the file, so a child process
+// does the writing; this process only checks what it printed and carries on.
+void WriteWithUnusableCellSize(const std::string& path)
+{
+    H5Eset_auto2(H5E_DEFAULT, nullptr, nullptr);
+    CHid file = CreateFile(path);
+    CHid dataset = CreateFilteredDataset(file, "bad", 1, {999}, {999}, {1, 1, 0, 0, 3, 4});
+    const std::vector<uint8_t> data(999, 7);
+    const bool failed = WriteAll(dataset, 1, data) < 0 || dataset.Close() < 0 || file.Close() < 0;
+    std::exit(failed ? 0 : 1);
+}
+
+TEST_F(PluginEndToEnd, FailedWriteIsReportedAndTheWriterSurvivesInAChild)
+{
+    testing::FLAGS_gtest_death_test_style = "threadsafe";
+    EXPECT_EXIT(WriteWithUnusableCellSize(m_path), testing::ExitedWithCode(0), "Error: MERTAX compress unsuccessful");
+
+    // This process can go on using HDF5 and the filter.
+    CHid file = CreateFile(m_path);
+    CHid dataset = CreateFilteredDataset(file, "good", 1, {999}, {999}, {1, 1, 0, 0, 1, 4});
+    EXPECT_GE(WriteAll(dataset, 1, std::vector<uint8_t>(999, 7)), 0);
+}
+
+} // namespace
