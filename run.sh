@@ -1,6 +1,8 @@
 #!/usr/bin/env bash
 # The project's one entry point.
 #   ./run.sh test            install what is missing, build (normal and sanitizer builds), run every test
+#   ./run.sh demo            install what is missing, build, write and read sample detector data
+#                            through the HDF5 plugin next to gzip
 #   ./run.sh bench [--quick] build and print the whole-buffer benchmark table
 set -euo pipefail
 cd "$(dirname "$0")"
@@ -46,14 +48,22 @@ run_bench() {
     ./build/bench/buffer_bench "$@"
 }
 
+run_demo() {
+    ensure_packages
+    configure_and_build build -DCMAKE_BUILD_TYPE=Release
+    mkdir -p build/demo
+    HDF5_PLUGIN_PATH="$PWD/build/plugin" ./build/tools/mertax_demo "$PWD/build/demo/mertax_demo.h5"
+}
+
 case "${1:-}" in
 test) run_tests ;;
+demo) run_demo ;;
 bench)
     shift
     run_bench "$@"
     ;;
 *)
-    echo "usage: $0 test | bench [--quick]" >&2
+    echo "usage: $0 test | demo | bench [--quick]" >&2
     exit 2
     ;;
 esac
