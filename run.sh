@@ -4,6 +4,8 @@
 #   ./run.sh demo            install what is missing, build, write and read sample detector data
 #                            through the HDF5 plugin next to gzip
 #   ./run.sh bench [--quick] build and print the whole-buffer benchmark table
+#   ./run.sh fuzz [SECONDS]  build the fuzz targets with clang, ASan and UBSan, and run each for
+#                            SECONDS (default 60), starting from the saved corpus
 set -euo pipefail
 cd "$(dirname "$0")"
 
@@ -55,15 +57,39 @@ run_demo() {
     HDF5_PLUGIN_PATH="$PWD/build/plugin" ./build/tools/mertax_demo "$PWD/build/demo/mertax_demo.h5"
 }
 
+run_fuzz() {
+    local seconds=${1:-60} target status=0
+    PACKAGES+=(clang)
+    ensure_packages
+    CC=clang CXX=clang++ configure_and_build build-fuzz -DCMAKE_BUILD_TYPE=Release -DMERTAX_SANITIZE=ON \
+        -DMERTAX_FUZZ=ON -DMERTAX_BUILD_TESTS=OFF -DMERTAX_BUILD_BENCH=OFF
+    for target in expand round_trip filter; do
+        echo "== Fuzzing $target for $seconds s"
+        # New inputs go to the build folder; the saved corpus in fuzz/corpus is only read.
+        mkdir -p "build-fuzz/corpus/$target" build-fuzz/artifacts
+        local log="build-fuzz/$target.log"
+        ./build-fuzz/fuzz/${target}_fuzzer "build-fuzz/corpus/$target" "fuzz/corpus/$target" \
+            -max_total_time="$seconds" -max_len=20000 -timeout=10 -rss_limit_mb=2048 \
+            -artifact_prefix=build-fuzz/artifacts/ -print_final_stats=1 >"$log" 2>&1 || status=1
+        grep -E "stat::number_of_executed_units|ERROR|SUMMARY|Test unit written" "$log" || true
+    done
+    [ $status -eq 0 ] || echo "== A fuzz target failed: see build-fuzz/*.log and build-fuzz/artifacts/"
+    return $status
+}
+
 case "${1:-}" in
 test) run_tests ;;
 demo) run_demo ;;
+fuzz)
+    shift
+    run_fuzz "$@"
+    ;;
 bench)
     shift
     run_bench "$@"
     ;;
 *)
-    echo "usage: $0 test | demo | bench [--quick]" >&2
+    echo "usage: $0 test | demo | bench [--quick] | fuzz [SECONDS]" >&2
     exit 2
     ;;
 esac
