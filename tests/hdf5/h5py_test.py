@@ -54,14 +54,28 @@ class H5pyThroughThePlugin(unittest.TestCase):
                              compression_opts=(1, 1, 0, 0, 2, 4))
         with h5py.File(self.path, "r+") as f:
             _, good = f["counts"].id.read_direct_chunk((0,))
-        for damaged in (good[: len(good) // 2], good[:-1], bytes([good[0], good[1], good[2], good[3] ^ 0x80]) + good[4:]):
+        header = int.from_bytes(good[:4], "little")
+        segment_length, stream_middle = header >> 19, 8 + ((header >> 7) & 0xFFF) // 2
+
+        def flipped(offset, bit):
+            return good[:offset] + bytes([good[offset] ^ bit]) + good[offset + 1:]
+
+        detected = [good[: len(good) // 2], good[:-1], good[:3], flipped(3, 0x80), flipped(0, 0x0C)]
+        # No checksum in the format: these may read as other data, but never as the original.
+        undetected = [flipped(stream_middle, 0x10), flipped(segment_length - 6, 0x04)]
+        for damaged in detected + undetected:
             with h5py.File(self.path, "r+") as f:
                 f["counts"].id.write_direct_chunk((0,), damaged)
             with h5py.File(self.path, "r") as f:
-                with self.assertRaises(OSError):
-                    f["counts"][...]
+                if damaged in detected:
+                    with self.assertRaises(OSError):
+                        f["counts"][...]
+                else:
+                    try:
+                        self.assertFalse(np.array_equal(f["counts"][:10000], data[:10000]))
+                    except OSError:
+                        pass
                 np.testing.assert_array_equal(f["counts"][10000:], data[10000:])
-
 
 if __name__ == "__main__":
     unittest.main()
