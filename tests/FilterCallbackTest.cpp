@@ -130,6 +130,7 @@ TEST(FilterCallback, ExpansionMustGiveExactlyTheExpectedSize)
         const void* before = chunk.m_buf;
         const size_t sizeBefore = chunk.m_size;
         CCapturedStream out(std::cout);
+        CCapturedStream err(std::cerr);
         const size_t result = chunk.Run(H5Z_FLAG_REVERSE, ClientData(c.bufferSize, 4, 4), compressed.size());
         if (c.expands) {
             EXPECT_EQ(result, 1000u);
@@ -141,6 +142,17 @@ TEST(FilterCallback, ExpansionMustGiveExactlyTheExpectedSize)
             EXPECT_EQ(chunk.Bytes(compressed.size()), compressed);
         }
     }
+}
+
+TEST(FilterCallback, NothingToExpandIntoFailsWithoutTouchingTheBuffer)
+{
+    CChunkBuffer chunk({});
+    chunk.m_size = 0;
+    const void* before = chunk.m_buf;
+    CCapturedStream err(std::cerr);
+    EXPECT_EQ(chunk.Run(H5Z_FLAG_REVERSE, ClientData(0, 2, 4), 0), 0u);
+    EXPECT_EQ(chunk.m_buf, before);
+    EXPECT_EQ(err.Text(), "MERTAX filter has no size to expand the chunk to\n");
 }
 
 TEST(FilterCallback, CompressionFailureLeavesTheChunkAndSaysSo)

@@ -20,6 +20,12 @@ size_t ExpandChunk(COptimalBiasDulo& codec, const MERTAX_FilterData& filterData,
 {
     // Datasets whose client data lacks the chunk size expand into HDF5's buffer size.
     const uint32_t nbytes = filterData.GetBufferSize() != 0 ? filterData.GetBufferSize() : uint32_t(*buf_size);
+    // An empty expansion would succeed with a count of 0, which HDF5 takes for failure after the
+    // buffer has been swapped.
+    if (nbytes == 0) {
+        ReportFailure(std::cerr, "MERTAX filter has no size to expand the chunk to");
+        return 0;
+    }
     void* outBuffer = std::malloc(nbytes);
     if (outBuffer == nullptr) {
         ReportFailure(std::cerr, "MERTAX filter unable to malloc ", nbytes, " bytes for data expansion");

@@ -1,0 +1,84 @@
+// Shared by the comparison benchmarks: timing, medians, the machine line, and a table printed
+// both as Markdown (standard output) and as CSV (a file).
+#pragma once
+
+#include <algorithm>
+#include <chrono>
+#include <cstdio>
+#include <fstream>
+#include <string>
+#include <vector>
+
+#ifndef MERTAX_BENCH_FLAGS
+#define MERTAX_BENCH_FLAGS "?"
+#endif
+
+inline double Median(std::vector<double> v)
+{
+    std::sort(v.begin(), v.end());
+    return v.empty() ? 0.0 : v[v.size() / 2];
+}
+
+template <typename F>
+double SecondsOf(F&& work)
+{
+    const auto start = std::chrono::steady_clock::now();
+    work();
+    return std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
+}
+
+inline std::string MachineLine()
+{
+    std::ifstream cpuinfo("/proc/cpuinfo");
+    std::string line, cpu = "unknown CPU";
+    while (std::getline(cpuinfo, line))
+        if (line.rfind("model name", 0) == 0) {
+            cpu = line.substr(line.find(':') + 2);
+            break;
+        }
+    return cpu + ", g++ " + __VERSION__ + ", " + MERTAX_BENCH_FLAGS;
+}
+
+// Rows of text cells; the first row is the header.
+class CReportTable
+{
+public:
+    explicit CReportTable(std::vector<std::string> header) { m_rows.push_back(std::move(header)); }
+    void Add(std::vector<std::string> row) { m_rows.push_back(std::move(row)); }
+
+    void PrintMarkdown() const
+    {
+        for (size_t r = 0; r < m_rows.size(); ++r) {
+            std::string line = "|";
+            for (const std::string& cell : m_rows[r])
+                line += " " + cell + " |";
+            std::printf("%s\n", line.c_str());
+            if (r == 0) {
+                std::string rule = "|---|---|";
+                for (size_t c = 2; c < m_rows[0].size(); ++c)
+                    rule += "---:|";
+                std::printf("%s\n", rule.c_str());
+            }
+        }
+    }
+    bool WriteCsv(const std::string& path) const
+    {
+        std::ofstream out(path);
+        for (const auto& row : m_rows) {
+            for (size_t c = 0; c < row.size(); ++c)
+                out << (c ? "," : "") << row[c];
+            out << "\n";
+        }
+        return bool(out);
+    }
+
+private:
+    std::vector<std::vector<std::string>> m_rows;
+};
+
+inline std::string Fixed(double value, int decimals)
+{
+    char text[32];
+    std::snprintf(text, sizeof text, "%.*f", decimals, value);
+    return text;
+}

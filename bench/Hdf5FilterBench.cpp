@@ -1,0 +1,164 @@
+// Writing and reading chunked HDF5 datasets (1 MiB chunks) through our plugin and through the
+// filters users would pick instead, where this machine has them: none, gzip, shuffle+gzip, szip,
+// and the LZ4, Blosc and bitshuffle plugins. MB/s are 10^6 uncompressed bytes per second,
+// median of interleaved repetitions, every read checked against what was written. HDF5 finds
+// the plugins through HDF5_PLUGIN_PATH.
+//
+//   hdf5_filter_bench <scratch.h5> [--quick] [--csv FILE]
+#include "BenchReport.h"
+#include "SampleData.h"
+
+#include <hdf5.h>
+
+#include <cstring>
+#include <functional>
+
+namespace {
+
+constexpr size_t CHUNK_BYTES = 1 << 20;
+
+struct SFilterChoice
+{
+    std::string name;
+    std::vector<H5Z_filter_t> needs;               // filters that must be available
+    std::function<void(hid_t dcpl, size_t cellSize)> apply;
+};
+
+std::vector<SFilterChoice> FilterChoices()
+{
+    return {
+        {"no filter", {}, [](hid_t, size_t) {}},
+        {"mertax level 4", {32910},
+         [](hid_t dcpl, size_t cell) {
+             const unsigned cd[] = {1, 1, 0, 0, unsigned(cell), 4};
+             H5Pset_filter(dcpl, 32910, H5Z_FLAG_MANDATORY, 6, cd);
+         }},
+        {"gzip 4", {H5Z_FILTER_DEFLATE}, [](hid_t dcpl, size_t) { H5Pset_deflate(dcpl, 4); }},
+        {"shuffle+gzip 4", {H5Z_FILTER_SHUFFLE, H5Z_FILTER_DEFLATE},
+         [](hid_t dcpl, size_t) { H5Pset_shuffle(dcpl), H5Pset_deflate(dcpl, 4); }},
+        {"szip", {H5Z_FILTER_SZIP}, [](hid_t dcpl, size_t) { H5Pset_szip(dcpl, H5_SZIP_NN_OPTION_MASK, 32); }},
+        {"lz4 plugin", {32004}, [](hid_t dcpl, size_t) { H5Pset_filter(dcpl, 32004, H5Z_FLAG_MANDATORY, 0, nullptr); }},
+        {"blosc lz4+bitshuffle plugin", {32001},
+         [](hid_t dcpl, size_t) {
+             const unsigned cd[] = {0, 0, 0, 0, 5, 2, 1}; // level 5, bit shuffle, LZ4
+             H5Pset_filter(dcpl, 32001, H5Z_FLAG_MANDATORY, 7, cd);
+         }},
+        {"bitshuffle+lz4 plugin", {32008},
+         [](hid_t dcpl, size_t) {
+             const unsigned cd[] = {0, 2}; // automatic block size, LZ4; the plugin prepends its own words
+             H5Pset_filter(dcpl, 32008, H5Z_FLAG_MANDATORY, 2, cd);
+         }},
+    };
+}
+
+bool Available(const SFilterChoice& f)
+{
+    for (H5Z_filter_t id : f.needs) {
+        unsigned info = 0;
+        if (H5Zfilter_avail(id) <= 0 || H5Zget_filter_info(id, &info) < 0 ||
+            !(info & H5Z_FILTER_CONFIG_ENCODE_ENABLED) || !(info & H5Z_FILTER_CONFIG_DECODE_ENABLED))
+            return false;
+    }
+    return true;
+}
+
+hid_t CellType(size_t cellSize)
+{
+    return cellSize == 1 ? H5T_NATIVE_UINT8 : cellSize == 2 ? H5T_NATIVE_UINT16 : cellSize == 4 ? H5T_NATIVE_UINT32
+                                                                                                  : H5T_NATIVE_UINT64;
+}
+
+struct SMeasure
+{
+    std::vector<double> writeSeconds, readSeconds;
+    hsize_t storedBytes = 0;
+};
+
+// Writes the sample as a fresh file with one dataset, reads it back; false on failure or change.
+bool RunOnce(const std::string& path, const SFilterChoice& filter, const SSampleBuffer& sample,
+             std::vector<uint8_t>& readBack, SMeasure& m)
+{
+    const hsize_t cells = sample.bytes.size() / sample.cellSize;
+    const hsize_t chunk = CHUNK_BYTES / sample.cellSize;
+    const hid_t type = CellType(sample.cellSize);
+    bool ok = true;
+    const hid_t file = H5Fcreate(path.c_str(), H5F_ACC_TRUNC, H5P_DEFAULT, H5P_DEFAULT);
+    m.writeSeconds.push_back(SecondsOf([&] {
+        const hid_t space = H5Screate_simple(1, &cells, nullptr);
+        const hid_t dcpl = H5Pcreate(H5P_DATASET_CREATE);
+        H5Pset_chunk(dcpl, 1, &chunk);
+        filter.apply(dcpl, sample.cellSize);
+        const hid_t dataset = H5Dcreate2(file, "data", type, space, H5P_DEFAULT, dcpl, H5P_DEFAULT);
+        ok = dataset >= 0 && H5Dwrite(dataset, type, H5S_ALL, H5S_ALL, H5P_DEFAULT, sample.bytes.data()) >= 0;
+        ok = H5Dclose(dataset) >= 0 && ok;
+        H5Pclose(dcpl);
+        H5Sclose(space);
+        ok = H5Fclose(file) >= 0 && ok;
+    }));
+    const hid_t reopened = H5Fopen(path.c_str(), H5F_ACC_RDONLY, H5P_DEFAULT);
+    std::fill(readBack.begin(), readBack.end(), 0);
+    m.readSeconds.push_back(SecondsOf([&] {
+        const hid_t dataset = H5Dopen2(reopened, "data", H5P_DEFAULT);
+        ok = ok && dataset >= 0 && H5Dread(dataset, type, H5S_ALL, H5S_ALL, H5P_DEFAULT, readBack.data()) >= 0;
+        m.storedBytes = H5Dget_storage_size(dataset);
+        H5Dclose(dataset);
+    }));
+    H5Fclose(reopened);
+    return ok && readBack == sample.bytes;
+}
+
+} // namespace
+
+int main(int argc, char** argv)
+{
+    if (argc < 2) {
+        std::fprintf(stderr, "usage: %s <scratch.h5> [--quick] [--csv FILE]\n", argv[0]);
+        return 2;
+    }
+    const std::string path = argv[1];
+    bool quick = false;
+    std::string csvPath;
+    for (int i = 2; i < argc; ++i) {
+        if (std::strcmp(argv[i], "--quick") == 0)
+            quick = true;
+        else if (std::strcmp(argv[i], "--csv") == 0 && i + 1 < argc)
+            csvPath = argv[++i];
+    }
+    const size_t bytes = quick ? (4 << 20) : (32 << 20);
+    const int repetitions = quick ? 3 : 5;
+
+    std::vector<SFilterChoice> filters;
+    std::string missing;
+    for (const SFilterChoice& f : FilterChoices())
+        (Available(f) ? (filters.push_back(f), void()) : (missing += " " + f.name + ";", void()));
+    std::printf("Through HDF5 %s, 1 MiB chunks, %zu MiB per data set, median of %d interleaved runs.\n%s\n",
+                H5_VERS_INFO, bytes >> 20, repetitions, MachineLine().c_str());
+    if (!missing.empty())
+        std::printf("Not available here:%s\n", missing.c_str());
+    std::printf("\n");
+
+    CReportTable table({"data set", "filter", "ratio", "write MB/s", "read MB/s"});
+    for (EDataSet set : {EDataSet::TOF_SINOGRAM, EDataSet::PROMPTS, EDataSet::SINGLES, EDataSet::IMAGE_8BIT}) {
+        const SSampleBuffer sample = MakeDataSet(set, bytes);
+        std::vector<SMeasure> measures(filters.size());
+        std::vector<uint8_t> readBack(sample.bytes.size());
+        for (int rep = 0; rep < repetitions; ++rep)
+            for (size_t f = 0; f < filters.size(); ++f)
+                if (!RunOnce(path, filters[f], sample, readBack, measures[f])) {
+                    std::fprintf(stderr, "%s failed or changed %s\n", filters[f].name.c_str(), sample.name);
+                    return 1;
+                }
+        const double raw = double(sample.bytes.size());
+        for (size_t f = 0; f < filters.size(); ++f)
+            table.Add({sample.name, filters[f].name, Fixed(raw / double(measures[f].storedBytes), 2),
+                       Fixed(raw / Median(measures[f].writeSeconds) / 1e6, 0),
+                       Fixed(raw / Median(measures[f].readSeconds) / 1e6, 0)});
+    }
+    table.PrintMarkdown();
+    std::remove(path.c_str());
+    if (!csvPath.empty() && !table.WriteCsv(csvPath)) {
+        std::fprintf(stderr, "cannot write %s\n", csvPath.c_str());
+        return 1;
+    }
+    return 0;
+}
