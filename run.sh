@@ -3,13 +3,17 @@
 #   ./run.sh test            install what is missing, build (normal and sanitizer builds), run every test
 #   ./run.sh demo            install what is missing, build, write and read sample detector data
 #                            through the HDF5 plugin next to gzip
-#   ./run.sh bench [--quick] build and print the whole-buffer benchmark table
+#   ./run.sh bench [--quick] build and print the benchmark tables: the codec per level, and
+#                            against other compressors and HDF5 filters (also as CSV)
 #   ./run.sh fuzz [SECONDS]  build the fuzz targets with clang, ASan and UBSan, and run each for
 #                            SECONDS (default 60), starting from the saved corpus
 set -euo pipefail
 cd "$(dirname "$0")"
 
-PACKAGES=(cmake make g++ pkg-config libgtest-dev libbenchmark-dev libboost-dev libhdf5-dev hdf5-tools python3-h5py python3-numpy)
+PACKAGES=(cmake make g++ pkg-config libgtest-dev libbenchmark-dev libboost-dev libhdf5-dev hdf5-tools python3-h5py python3-numpy
+    liblz4-dev libzstd-dev zlib1g-dev libblosc-dev)
+# The HDF5 plugins that the benchmark compares with.
+BENCH_PACKAGES=(hdf5-filter-plugin hdf5-filter-plugin-blosc-serial bitshuffle)
 JOBS=$(nproc)
 
 ensure_packages() {
@@ -44,17 +48,22 @@ run_tests() {
 }
 
 run_bench() {
+    PACKAGES+=("${BENCH_PACKAGES[@]}")
     ensure_packages
     configure_and_build build -DCMAKE_BUILD_TYPE=Release
-    echo "CPU: $(grep -m1 'model name' /proc/cpuinfo | cut -d: -f2- | sed 's/^ *//'), $(g++ --version | head -1), -O2"
+    mkdir -p build/bench-results
+    local out=build/bench-results
+    echo "== The codec alone, every level"
     ./build/bench/buffer_bench "$@"
-}
-
-run_demo() {
-    ensure_packages
-    configure_and_build build -DCMAKE_BUILD_TYPE=Release
-    mkdir -p build/demo
-    HDF5_PLUGIN_PATH="$PWD/build/plugin" ./build/tools/mertax_demo "$PWD/build/demo/mertax_demo.h5"
+    echo
+    echo "== Against other compressors, in memory"
+    ./build/bench/codec_comparison_bench "$@" --csv "$out/in_memory.csv"
+    echo
+    echo "== Against other filters, through HDF5"
+    HDF5_PLUGIN_PATH="$PWD/build/plugin:$(pkg-config --variable=PluginDir hdf5)" \
+        ./build/bench/hdf5_filter_bench "$out/scratch.h5" "$@" --csv "$out/through_hdf5.csv"
+    echo
+    echo "CSV files: $out/in_memory.csv, $out/through_hdf5.csv"
 }
 
 run_fuzz() {
