@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <chrono>
 #include <cstdio>
+#include <cstring>
 #include <fstream>
 #include <string>
 #include <vector>
@@ -37,6 +38,13 @@ inline std::string MachineLine()
             break;
         }
     return cpu + ", g++ " + __VERSION__ + ", " + MERTAX_BENCH_FLAGS;
+}
+
+inline std::string Fixed(double value, int decimals)
+{
+    char text[32];
+    std::snprintf(text, sizeof text, "%.*f", decimals, value);
+    return text;
 }
 
 // Rows of text cells; the first row is the header.
@@ -76,9 +84,42 @@ private:
     std::vector<std::vector<std::string>> m_rows;
 };
 
-inline std::string Fixed(double value, int decimals)
+
+struct SBenchOptions
 {
-    char text[32];
-    std::snprintf(text, sizeof text, "%.*f", decimals, value);
-    return text;
+    bool quick = false;
+    std::string csvPath;
+};
+
+// Reads [--quick] [--csv FILE] from argv[first] on.
+inline SBenchOptions ParseBenchOptions(int argc, char** argv, int first)
+{
+    SBenchOptions options;
+    for (int i = first; i < argc; ++i) {
+        if (std::strcmp(argv[i], "--quick") == 0)
+            options.quick = true;
+        else if (std::strcmp(argv[i], "--csv") == 0 && i + 1 < argc)
+            options.csvPath = argv[++i];
+    }
+    return options;
+}
+
+// One row: the ratio, and both directions as MB/s of uncompressed bytes from the median times.
+inline void AddMeasuredRow(CReportTable& table, const std::string& dataSet, const std::string& method, double rawBytes,
+                           double storedBytes, const std::vector<double>& forwardSeconds,
+                           const std::vector<double>& backwardSeconds)
+{
+    table.Add({dataSet, method, Fixed(rawBytes / storedBytes, 2), Fixed(rawBytes / Median(forwardSeconds) / 1e6, 0),
+               Fixed(rawBytes / Median(backwardSeconds) / 1e6, 0)});
+}
+
+// Prints the table as Markdown and writes it as CSV when a path is given; the exit code.
+inline int PublishTable(const CReportTable& table, const std::string& csvPath)
+{
+    table.PrintMarkdown();
+    if (!csvPath.empty() && !table.WriteCsv(csvPath)) {
+        std::fprintf(stderr, "cannot write %s\n", csvPath.c_str());
+        return 1;
+    }
+    return 0;
 }

@@ -147,16 +147,9 @@ bool RunOnce(const SCompressor& c, const SSampleBuffer& sample, std::vector<std:
 
 int main(int argc, char** argv)
 {
-    bool quick = false;
-    std::string csvPath;
-    for (int i = 1; i < argc; ++i) {
-        if (std::strcmp(argv[i], "--quick") == 0)
-            quick = true;
-        else if (std::strcmp(argv[i], "--csv") == 0 && i + 1 < argc)
-            csvPath = argv[++i];
-    }
-    const size_t bytes = quick ? (4 << 20) : (16 << 20);
-    const int repetitions = quick ? 3 : 7;
+    const SBenchOptions options = ParseBenchOptions(argc, argv, 1);
+    const size_t bytes = options.quick ? (4 << 20) : (16 << 20);
+    const int repetitions = options.quick ? 3 : 7;
     blosc_init();
 
     std::printf("In memory, 1 MiB chunks, one thread, %zu MiB per data set, median of %d interleaved runs.\n%s\n\n",
@@ -180,15 +173,9 @@ int main(int argc, char** argv)
         }
         const double raw = double(sample.bytes.size());
         for (size_t c = 0; c < compressors.size(); ++c)
-            table.Add({sample.name, compressors[c].name, Fixed(raw / double(measures[c].compressedBytes), 2),
-                       Fixed(raw / Median(measures[c].compressSeconds) / 1e6, 0),
-                       Fixed(raw / Median(measures[c].expandSeconds) / 1e6, 0)});
+            AddMeasuredRow(table, sample.name, compressors[c].name, raw, double(measures[c].compressedBytes),
+                           measures[c].compressSeconds, measures[c].expandSeconds);
     }
-    table.PrintMarkdown();
     blosc_destroy();
-    if (!csvPath.empty() && !table.WriteCsv(csvPath)) {
-        std::fprintf(stderr, "cannot write %s\n", csvPath.c_str());
-        return 1;
-    }
-    return 0;
+    return PublishTable(table, options.csvPath);
 }

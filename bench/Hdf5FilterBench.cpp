@@ -116,16 +116,9 @@ int main(int argc, char** argv)
         return 2;
     }
     const std::string path = argv[1];
-    bool quick = false;
-    std::string csvPath;
-    for (int i = 2; i < argc; ++i) {
-        if (std::strcmp(argv[i], "--quick") == 0)
-            quick = true;
-        else if (std::strcmp(argv[i], "--csv") == 0 && i + 1 < argc)
-            csvPath = argv[++i];
-    }
-    const size_t bytes = quick ? (4 << 20) : (32 << 20);
-    const int repetitions = quick ? 3 : 5;
+    const SBenchOptions options = ParseBenchOptions(argc, argv, 2);
+    const size_t bytes = options.quick ? (4 << 20) : (32 << 20);
+    const int repetitions = options.quick ? 3 : 5;
 
     std::vector<SFilterChoice> filters;
     std::string missing;
@@ -150,15 +143,9 @@ int main(int argc, char** argv)
                 }
         const double raw = double(sample.bytes.size());
         for (size_t f = 0; f < filters.size(); ++f)
-            table.Add({sample.name, filters[f].name, Fixed(raw / double(measures[f].storedBytes), 2),
-                       Fixed(raw / Median(measures[f].writeSeconds) / 1e6, 0),
-                       Fixed(raw / Median(measures[f].readSeconds) / 1e6, 0)});
+            AddMeasuredRow(table, sample.name, filters[f].name, raw, double(measures[f].storedBytes),
+                           measures[f].writeSeconds, measures[f].readSeconds);
     }
-    table.PrintMarkdown();
     std::remove(path.c_str());
-    if (!csvPath.empty() && !table.WriteCsv(csvPath)) {
-        std::fprintf(stderr, "cannot write %s\n", csvPath.c_str());
-        return 1;
-    }
-    return 0;
+    return PublishTable(table, options.csvPath);
 }
