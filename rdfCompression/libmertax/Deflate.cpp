@@ -6,6 +6,7 @@
 #include "MapCoder.h"
 #include "NibbleCoder.h"
 
+#include <algorithm>
 #include <cstring>
 #include <iostream>
 #include <type_traits>
@@ -134,15 +135,12 @@ size_t COptimalBiasDulo::Deflate(uint8_t* pUncData, const uint16_t& segSize, T s
     CNibbleCoder nibbles(pCmpBuff + hdrBytes, storedLength > hdrBytes ? storedLength - hdrBytes : 0,
                          uint8_t((bias >> firstShift) & 0xF));
     const size_t skippedSlots = (reduced ? skippedPlanes - 2 : skippedPlanes) * elems;
-    constexpr size_t CELLS_PER_WORD = 8 / sizeof(T);
 
     for (unsigned plane = skippedPlanes; plane < PLANES; ++plane) {
         const unsigned nibShift = 4 * (PLANES - 1 - plane);
         const T biasNibMask = T(T(0xF) << nibShift);
         const T biasNib = T(bias & biasNibMask);
         const uint8_t escape = uint8_t(biasNib >> nibShift);
-        const uint64_t multiCellMask = RepeatCell<T>(biasNibMask);
-        const uint64_t multiCellBias = RepeatCell<T>(biasNib);
         size_t e = 0;
         if (plane == skippedPlanes) {
             const T value = LoadLE<T>(pUncData);
@@ -152,23 +150,21 @@ size_t COptimalBiasDulo::Deflate(uint8_t* pUncData, const uint16_t& segSize, T s
                 nibbles.NonMatch(uint8_t((value >> nibShift) & 0xF), escape);
             e = 1;
         }
+        // Slots are classified 64 at a time into a mask of matches; the map coder takes the mask
+        // whole and the non-matches go to the nibble stream in slot order.
         while (e < elems) {
-            // In a run, whole words of matching cells are counted at once.
-            if (map.InRun()) {
-                while (e + CELLS_PER_WORD <= elems &&
-                       (LoadLE<uint64_t>(pUncData + e * sizeof(T)) & multiCellMask) == multiCellBias) {
-                    map.AddMatches(CELLS_PER_WORD);
-                    e += CELLS_PER_WORD;
-                }
-                if (e == elems)
-                    break;
+            const unsigned count = unsigned(std::min<size_t>(64, elems - e));
+            const uint8_t* pCells = pUncData + e * sizeof(T);
+            uint64_t matches = 0;
+            for (unsigned i = 0; i < count; ++i)
+                matches |= uint64_t((LoadLE<T>(pCells + i * sizeof(T)) & biasNibMask) == biasNib) << i;
+            map.NextSlots(matches, count);
+            uint64_t nonMatches = ~matches & LowBits(count);
+            for (; nonMatches != 0; nonMatches &= nonMatches - 1) {
+                const unsigned i = unsigned(__builtin_ctzll(nonMatches));
+                nibbles.NonMatch(uint8_t((LoadLE<T>(pCells + i * sizeof(T)) >> nibShift) & 0xF), escape);
             }
-            const T value = LoadLE<T>(pUncData + e * sizeof(T));
-            const bool match = (value & biasNibMask) == biasNib;
-            map.Next(match);
-            if (!match)
-                nibbles.NonMatch(uint8_t((value >> nibShift) & 0xF), escape);
-            ++e;
+            e += count;
         }
         nibbles.EndPlane(escape);
     }

@@ -10,6 +10,12 @@
 #include <cstddef>
 #include <cstdint>
 
+// The lowest `count` bits set (count up to 64).
+inline uint64_t LowBits(unsigned count)
+{
+    return count >= 64 ? ~uint64_t(0) : (uint64_t(1) << count) - 1;
+}
+
 class CMapCoder
 {
 public:
@@ -53,22 +59,44 @@ public:
         if (match)
             m_group |= uint8_t(m_cnt);
         m_cnt >>= 1;
-        if (m_cnt != 0)
-            return;
-        if (m_group == 0) {
-            // An all-zero group is held back; the coder stays in group mode.
-            m_nonMatchCnt += 6;
-            m_cnt = 0x20;
-        } else {
-            FlushNonMatches();
-            PutGroup();
-            m_atBoundary = true;
-        }
+        if (m_cnt == 0)
+            CloseGroup();
     }
 
-    bool InRun() const { return m_aRunOfMatches; }
-    // Several matching slots at once, in run mode.
-    void AddMatches(size_t count) { m_cnt += count; }
+    // `count` (at most 64) slots at once, bit i of `matches` for the i-th: the same entries as
+    // that many calls of Next, with runs of matches counted by bit scans and the rest of a group
+    // filled in one step.
+    void NextSlots(uint64_t matches, unsigned count)
+    {
+        while (count != 0) {
+            if (m_aRunOfMatches) {
+                const uint64_t ended = ~matches & LowBits(count);
+                if (ended == 0) {
+                    m_cnt += count;
+                    return;
+                }
+                const unsigned run = unsigned(__builtin_ctzll(ended));
+                m_cnt += run;
+                EndRun();
+                matches = Shift(matches, run + 1);
+                count -= run + 1;
+                continue;
+            }
+            // The group's open bits, from m_cnt down to bit 0, take the next slots in order.
+            const unsigned open = m_atBoundary || m_cnt == 0 ? 0 : unsigned(64 - __builtin_clzll(m_cnt));
+            if (open == 0 || open > count) {
+                Next(matches & 1);
+                matches >>= 1;
+                --count;
+                continue;
+            }
+            m_group |= uint8_t(REVERSED6[matches & LowBits(open)] >> (6 - open));
+            m_cnt = 0;
+            CloseGroup();
+            matches = Shift(matches, open);
+            count -= open;
+        }
+    }
 
     // Closes the map after the last slot: an open run becomes a run code (with no non-match
     // after it); otherwise a group that has been started, or a boundary with a run-code
@@ -88,6 +116,28 @@ public:
     bool RunTooLong() const { return m_runTooLong; }
 
 private:
+    // REVERSED6[b]: the six bits of b in reverse order (slot order to group bit order).
+    static constexpr uint8_t REVERSED6[64] = {
+        0x00, 0x20, 0x10, 0x30, 0x08, 0x28, 0x18, 0x38, 0x04, 0x24, 0x14, 0x34, 0x0C, 0x2C, 0x1C, 0x3C,
+        0x02, 0x22, 0x12, 0x32, 0x0A, 0x2A, 0x1A, 0x3A, 0x06, 0x26, 0x16, 0x36, 0x0E, 0x2E, 0x1E, 0x3E,
+        0x01, 0x21, 0x11, 0x31, 0x09, 0x29, 0x19, 0x39, 0x05, 0x25, 0x15, 0x35, 0x0D, 0x2D, 0x1D, 0x3D,
+        0x03, 0x23, 0x13, 0x33, 0x0B, 0x2B, 0x1B, 0x3B, 0x07, 0x27, 0x17, 0x37, 0x0F, 0x2F, 0x1F, 0x3F};
+
+    static uint64_t Shift(uint64_t bits, unsigned count) { return count >= 64 ? 0 : bits >> count; }
+
+    // A full group: all-zero groups are held back and the coder stays in group mode.
+    void CloseGroup()
+    {
+        if (m_group == 0) {
+            m_nonMatchCnt += 6;
+            m_cnt = 0x20;
+        } else {
+            FlushNonMatches();
+            PutGroup();
+            m_atBoundary = true;
+        }
+    }
+
     // A run ended by a non-match. Runs of 1 to 5 fold into a group: the matches from bit 5 down,
     // then the non-match as a 0 bit.
     void EndRun()
