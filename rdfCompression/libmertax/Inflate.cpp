@@ -45,12 +45,27 @@ public:
         return true;
     }
 
-    // Sets the current slot's nibble; the element already holds the bias in every other plane.
-    void Put(uint8_t nibble)
+    // Sets the nibble of the slot `offset` places ahead of the current one, in the same plane; the
+    // element already holds the bias in every other plane.
+    void Put(uint8_t nibble, size_t offset = 0)
     {
-        uint8_t* pCell = m_pOut + m_elem * sizeof(T);
+        uint8_t* pCell = m_pOut + (m_elem + offset) * sizeof(T);
         const T cell = LoadLE<T>(pCell);
         StoreLE<T>(pCell, T((cell & T(~m_biasNibMask)) | (T(nibble) << m_nibShift)));
+    }
+
+    // Slots left in the current plane, the current one included.
+    size_t LeftInPlane() const { return m_elems - m_elem; }
+
+    // Moves `count` slots on within the plane (count <= LeftInPlane()); false once the last slot
+    // of the last plane has been passed.
+    bool AdvanceInPlane(size_t count)
+    {
+        m_elem += count;
+        if (m_elem < m_elems)
+            return true;
+        m_elem = 0;
+        return NextPlane();
     }
 
 private:
@@ -143,11 +158,36 @@ size_t COptimalBiasDulo::Inflate(const uint8_t* pCmpData, size_t segLength, uint
                 return 0;
             open = slot.Advance();
         } else if (entry & 0x40) {
-            for (unsigned n = entry & 0x3F; n > 0 && open; --n) {
-                if (!putNonMatch())
-                    return 0;
-                open = slot.Advance();
+            const unsigned count = entry & 0x3F;
+            if (count <= slot.LeftInPlane()) {
+                // Within one plane the bias nibble stays and the slots are written in place.
+                const uint8_t biasNib = slot.BiasNib();
+                for (unsigned n = 0; n < count; ++n) {
+                    uint8_t nibble;
+                    if (!nonMatches.Next(biasNib, nibble))
+                        return 0;
+                    slot.Put(nibble, n);
+                }
+                open = slot.AdvanceInPlane(count);
+            } else {
+                for (unsigned n = count; n > 0 && open; --n) {
+                    if (!putNonMatch())
+                        return 0;
+                    open = slot.Advance();
+                }
             }
+        } else if (slot.LeftInPlane() >= 6) {
+            // A group within one plane: only its non-matches (0 bits, bit 5 first) are visited.
+            const uint8_t biasNib = slot.BiasNib();
+            for (unsigned zeros = ~entry & 0x3Fu; zeros != 0;) {
+                const unsigned bit = 31 - unsigned(__builtin_clz(zeros));
+                zeros &= ~(1u << bit);
+                uint8_t nibble;
+                if (!nonMatches.Next(biasNib, nibble))
+                    return 0;
+                slot.Put(nibble, 5 - bit);
+            }
+            open = slot.AdvanceInPlane(6);
         } else {
             for (unsigned bit = 0x20; bit != 0 && open; bit >>= 1) {
                 if ((entry & bit) == 0 && !putNonMatch())
