@@ -124,7 +124,7 @@ int main(int argc, char** argv)
     std::string missing;
     for (const SFilterChoice& f : FilterChoices())
         (Available(f) ? (filters.push_back(f), void()) : (missing += " " + f.name + ";", void()));
-    std::printf("Through HDF5 %s, 1 MiB chunks, %zu MiB per data set, median of %d interleaved runs.\n%s\n",
+    std::printf("Through HDF5 (%s), 1 MiB chunks, %zu MiB per data set, median of %d interleaved runs.\n%s\n",
                 H5_VERS_INFO, bytes >> 20, repetitions, MachineLine().c_str());
     if (!missing.empty())
         std::printf("Not available here:%s\n", missing.c_str());
