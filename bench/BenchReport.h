@@ -123,3 +123,18 @@ inline int PublishTable(const CReportTable& table, const std::string& csvPath)
     }
     return 0;
 }
+
+// Runs runOnce(m) for every method m, `repetitions` rounds, interleaved so that the machine's
+// slow spells spread over all methods; false, with a message, as soon as one fails or changes
+// the data.
+template <typename Method, typename Run>
+bool RunInterleaved(int repetitions, const std::vector<Method>& methods, const char* dataSet, Run&& runOnce)
+{
+    for (int rep = 0; rep < repetitions; ++rep)
+        for (size_t m = 0; m < methods.size(); ++m)
+            if (!runOnce(m)) {
+                std::fprintf(stderr, "%s failed or changed %s\n", methods[m].name.c_str(), dataSet);
+                return false;
+            }
+    return true;
+}

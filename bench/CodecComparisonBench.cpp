@@ -160,17 +160,14 @@ int main(int argc, char** argv)
         const SSampleBuffer sample = MakeDataSet(set, bytes);
         std::vector<SMeasure> measures(compressors.size());
         std::vector<uint8_t> expanded(sample.bytes.size());
-        for (int rep = 0; rep < repetitions; ++rep) {
-            for (size_t c = 0; c < compressors.size(); ++c) {
-                std::vector<std::vector<uint8_t>> packed((sample.bytes.size() + CHUNK_BYTES - 1) / CHUNK_BYTES,
-                                                         std::vector<uint8_t>(compressors[c].bound(CHUNK_BYTES)));
-                std::fill(expanded.begin(), expanded.end(), 0);
-                if (!RunOnce(compressors[c], sample, packed, expanded, measures[c])) {
-                    std::fprintf(stderr, "%s failed or changed %s\n", compressors[c].name.c_str(), sample.name);
-                    return 1;
-                }
-            }
-        }
+        const bool ok = RunInterleaved(repetitions, compressors, sample.name, [&](size_t c) {
+            std::vector<std::vector<uint8_t>> packed((sample.bytes.size() + CHUNK_BYTES - 1) / CHUNK_BYTES,
+                                                     std::vector<uint8_t>(compressors[c].bound(CHUNK_BYTES)));
+            std::fill(expanded.begin(), expanded.end(), 0);
+            return RunOnce(compressors[c], sample, packed, expanded, measures[c]);
+        });
+        if (!ok)
+            return 1;
         const double raw = double(sample.bytes.size());
         for (size_t c = 0; c < compressors.size(); ++c)
             AddMeasuredRow(table, sample.name, compressors[c].name, raw, double(measures[c].compressedBytes),

@@ -135,12 +135,9 @@ int main(int argc, char** argv)
         const SSampleBuffer sample = MakeDataSet(set, bytes);
         std::vector<SMeasure> measures(filters.size());
         std::vector<uint8_t> readBack(sample.bytes.size());
-        for (int rep = 0; rep < repetitions; ++rep)
-            for (size_t f = 0; f < filters.size(); ++f)
-                if (!RunOnce(path, filters[f], sample, readBack, measures[f])) {
-                    std::fprintf(stderr, "%s failed or changed %s\n", filters[f].name.c_str(), sample.name);
-                    return 1;
-                }
+        if (!RunInterleaved(repetitions, filters, sample.name,
+                            [&](size_t f) { return RunOnce(path, filters[f], sample, readBack, measures[f]); }))
+            return 1;
         const double raw = double(sample.bytes.size());
         for (size_t f = 0; f < filters.size(); ++f)
             AddMeasuredRow(table, sample.name, filters[f].name, raw, double(measures[f].storedBytes),
