@@ -19,9 +19,10 @@ class CChunkBuffer
 {
 public:
     explicit CChunkBuffer(const std::vector<uint8_t>& bytes, size_t allocated = 0)
-        : m_size(std::max(allocated, bytes.size())), m_buf(std::malloc(m_size))
+        : m_size(std::max(allocated, bytes.size())), m_buf(std::malloc(std::max<size_t>(m_size, 1)))
     {
-        std::memcpy(m_buf, bytes.data(), bytes.size());
+        if (!bytes.empty())
+            std::memcpy(m_buf, bytes.data(), bytes.size());
     }
     ~CChunkBuffer() { std::free(m_buf); }
     CChunkBuffer(const CChunkBuffer&) = delete;
