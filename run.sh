@@ -66,6 +66,13 @@ run_bench() {
     echo "CSV files: $out/in_memory.csv, $out/through_hdf5.csv"
 }
 
+run_demo() {
+    ensure_packages
+    configure_and_build build -DCMAKE_BUILD_TYPE=Release
+    mkdir -p build/demo
+    HDF5_PLUGIN_PATH="$PWD/build/plugin" ./build/tools/mertax_demo "$PWD/build/demo/mertax_demo.h5"
+}
+
 run_fuzz() {
     local seconds=${1:-60} target status=0
     PACKAGES+=(clang)
