@@ -22,7 +22,9 @@ public:
             ++m_nmRunLength;
             return;
         }
-        Flush(escape);
+        // A single literal owes nothing; only repeats need their run code.
+        if (m_nmRunLength > 1)
+            Flush(escape);
         Put(nibble);
         m_lastNM = nibble;
         m_nmRunLength = 1;
