@@ -31,6 +31,36 @@ constexpr uint64_t RepeatCell(T value)
 
 constexpr size_t RoundUp4(size_t n) { return (n + 3) & ~size_t(3); }
 
+// Classifies 64 cells against the bias nibble under nibMask (which lies in one byte of the cell,
+// at byte `nibByte`): bit i set when cell i matches. Works on 8 bytes at a time: the cells'
+// nibbles xor the bias nibble, a byte is nonzero exactly when its top bit survives the add
+// trick, and a multiplication packs one flag per cell (no carries: each product term lands on
+// its own bit).
+template <typename T>
+uint64_t MatchMask64(const uint8_t* pCells, T nibMask, T nib, unsigned nibByte)
+{
+    constexpr unsigned CELLS = 8 / sizeof(T);
+    constexpr unsigned LANE_BITS = 8 * sizeof(T);
+    constexpr uint64_t PACK = [] {
+        uint64_t m = 0;
+        for (unsigned j = 0; j < CELLS; ++j)
+            m |= uint64_t(1) << (LANE_BITS * j + CELLS - 1 - j);
+        return m;
+    }();
+    const uint64_t mask = RepeatCell<T>(nibMask);
+    const uint64_t bias = RepeatCell<T>(nib);
+    const uint64_t lowBytes = RepeatCell<T>(T(1));
+    uint64_t nonMatches = 0;
+    for (unsigned w = 0; w < 8 * sizeof(T); ++w) {
+        const uint64_t x = (LoadLE<uint64_t>(pCells + 8 * w) & mask) ^ bias;
+        const uint64_t nonZeroBytes = (((x & 0x7F7F7F7F7F7F7F7Full) + 0x7F7F7F7F7F7F7F7Full) | x) >> 7;
+        const uint64_t flags = (nonZeroBytes >> (8 * nibByte)) & lowBytes;
+        const uint64_t packed = (flags * PACK) >> (LANE_BITS * (CELLS - 1));
+        nonMatches |= (packed & ((uint64_t(1) << CELLS) - 1)) << (w * CELLS);
+    }
+    return ~nonMatches;
+}
+
 // Longest segment the 13-bit compSegSize field can describe, as a multiple of 4.
 constexpr size_t MAX_PADDED_SEGMENT = 8188;
 
@@ -156,8 +186,13 @@ size_t COptimalBiasDulo::Deflate(uint8_t* pUncData, const uint16_t& segSize, T s
             const unsigned count = unsigned(std::min<size_t>(64, elems - e));
             const uint8_t* pCells = pUncData + e * sizeof(T);
             uint64_t matches = 0;
-            for (unsigned i = 0; i < count; ++i)
-                matches |= uint64_t((LoadLE<T>(pCells + i * sizeof(T)) & biasNibMask) == biasNib) << i;
+            if (sizeof(T) <= 2 && count == 64) {
+                // Wider cells hold too few per word for the word-wise test to pay.
+                matches = MatchMask64<T>(pCells, biasNibMask, biasNib, nibShift / 8);
+            } else {
+                for (unsigned i = 0; i < count; ++i)
+                    matches |= uint64_t((LoadLE<T>(pCells + i * sizeof(T)) & biasNibMask) == biasNib) << i;
+            }
             map.NextSlots(matches, count);
             uint64_t nonMatches = ~matches & LowBits(count);
             for (; nonMatches != 0; nonMatches &= nonMatches - 1) {

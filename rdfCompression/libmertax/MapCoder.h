@@ -82,6 +82,16 @@ public:
                 count -= run + 1;
                 continue;
             }
+            if (m_atBoundary && count >= 6 && (matches & 1) == 0) {
+                // A non-match at a boundary opens a group with it as bit 5: the whole group at once.
+                m_atBoundary = false;
+                m_group = REVERSED6[matches & 0x3F];
+                m_cnt = 0;
+                CloseGroup();
+                matches >>= 6;
+                count -= 6;
+                continue;
+            }
             // The group's open bits, from m_cnt down to bit 0, take the next slots in order.
             const unsigned open = m_atBoundary || m_cnt == 0 ? 0 : unsigned(64 - __builtin_clzll(m_cnt));
             if (open == 0 || open > count) {
