@@ -159,15 +159,12 @@ size_t COptimalBiasDulo::Inflate(const uint8_t* pCmpData, size_t segLength, uint
             open = slot.Advance();
         } else if (entry & 0x40) {
             const unsigned count = entry & 0x3F;
-            if (count <= slot.LeftInPlane()) {
-                // Within one plane the bias nibble stays and the slots are written in place.
+            if (count <= slot.LeftInPlane() && nonMatches.NibblesLeft() >= count * CNonMatchReader::NIBBLES_PER_SLOT) {
+                // Within one plane, with stream enough for every slot: the bias nibble stays, the
+                // slots are written in place and the stream needs no test per nibble.
                 const uint8_t biasNib = slot.BiasNib();
-                for (unsigned n = 0; n < count; ++n) {
-                    uint8_t nibble;
-                    if (!nonMatches.Next(biasNib, nibble))
-                        return 0;
-                    slot.Put(nibble, n);
-                }
+                for (unsigned n = 0; n < count; ++n)
+                    slot.Put(nonMatches.NextWithin(biasNib), n);
                 open = slot.AdvanceInPlane(count);
             } else {
                 for (unsigned n = count; n > 0 && open; --n) {
@@ -176,16 +173,14 @@ size_t COptimalBiasDulo::Inflate(const uint8_t* pCmpData, size_t segLength, uint
                     open = slot.Advance();
                 }
             }
-        } else if (slot.LeftInPlane() >= 6) {
-            // A group within one plane: only its non-matches (0 bits, bit 5 first) are visited.
+        } else if (slot.LeftInPlane() >= 6 && nonMatches.NibblesLeft() >= 6 * CNonMatchReader::NIBBLES_PER_SLOT) {
+            // A group within one plane, stream to spare: only its non-matches (0 bits, bit 5
+            // first) are visited.
             const uint8_t biasNib = slot.BiasNib();
             for (unsigned zeros = ~entry & 0x3Fu; zeros != 0;) {
                 const unsigned bit = 31 - unsigned(__builtin_clz(zeros));
                 zeros &= ~(1u << bit);
-                uint8_t nibble;
-                if (!nonMatches.Next(biasNib, nibble))
-                    return 0;
-                slot.Put(nibble, 5 - bit);
+                slot.Put(nonMatches.NextWithin(biasNib), 5 - bit);
             }
             open = slot.AdvanceInPlane(6);
         } else {
