@@ -185,9 +185,10 @@ size_t COptimalBiasDulo::Deflate(uint8_t* pUncData, const uint16_t& segSize, T s
         while (e < elems) {
             const unsigned count = unsigned(std::min<size_t>(64, elems - e));
             const uint8_t* pCells = pUncData + e * sizeof(T);
+            // Whole blocks of 8- and 16-bit cells are tested a word at a time; wider cells hold too
+            // few per word for that to pay.
             uint64_t matches = 0;
             if (sizeof(T) <= 2 && count == 64) {
-                // Wider cells hold too few per word for the word-wise test to pay.
                 matches = MatchMask64<T>(pCells, biasNibMask, biasNib, nibShift / 8);
             } else {
                 for (unsigned i = 0; i < count; ++i)
