@@ -5,6 +5,8 @@
 
 #include <gtest/gtest.h>
 
+#include <random>
+
 namespace {
 
 // Expands `cmp` into a buffer of exactly `capacity` bytes and returns what came out.
@@ -177,6 +179,129 @@ TEST(SegmentDecode, StoredSegmentsIgnoreTheCompressionFields)
         EXPECT_EQ(Expand(seg, 4096), raw) << byteMode;
         const std::vector<uint8_t> shortRaw(raw.begin(), raw.begin() + 40);
         EXPECT_EQ(Expand(BuildStoredSegment(byteMode, shortRaw), 40), shortRaw) << byteMode;
+    }
+}
+
+// The format read one slot at a time, the way it is described: the cells of a segment of `elems`
+// elements of `cellBytes` bytes, or nothing when the map or the stream runs out.
+std::vector<uint64_t> ReadSlotBySlot(const SegmentFields& f, size_t elems, size_t cellBytes)
+{
+    const unsigned planes = unsigned(2 * cellBytes);
+    std::vector<uint64_t> cells(elems, f.bias);
+    size_t mapPos = 0;
+    size_t nibblePos = 0;
+    auto readNibble = [&](uint8_t& x) {
+        if (nibblePos >= 2 * f.stream.size())
+            return false;
+        const uint8_t byte = f.stream[nibblePos / 2];
+        x = nibblePos++ % 2 ? byte & 0xF : byte >> 4;
+        return true;
+    };
+    uint8_t last = uint8_t(f.bias >> (4 * (planes - 1))) & 0xF;
+    unsigned owed = 0;
+    size_t slot = 0;
+    const size_t slots = elems * planes;
+    auto nonMatch = [&]() {
+        const unsigned shift = 4 * (planes - 1 - unsigned(slot / elems));
+        const uint8_t escape = uint8_t(f.bias >> shift) & 0xF;
+        uint8_t x = last;
+        if (owed != 0) {
+            --owed;
+        } else {
+            if (!readNibble(x))
+                return false;
+            if (x == escape) {
+                uint8_t runLength;
+                if (!readNibble(runLength))
+                    return false;
+                if (runLength == escape) {
+                    uint8_t high;
+                    uint8_t low;
+                    if (!readNibble(high) || !readNibble(low))
+                        return false;
+                    runLength = uint8_t(high << 4 | low);
+                }
+                owed = uint8_t(runLength - 2);
+                x = last;
+            }
+            last = x;
+        }
+        uint64_t& cell = cells[slot % elems];
+        cell = (cell & ~(uint64_t(0xF) << shift)) | uint64_t(x) << shift;
+        return true;
+    };
+    while (slot < slots) {
+        if (mapPos >= f.map.size())
+            return {};
+        const uint8_t e = f.map[mapPos++];
+        if (e < 0x40) {
+            for (unsigned bit = 0x20; bit != 0 && slot < slots; bit >>= 1, ++slot)
+                if ((e & bit) == 0 && !nonMatch())
+                    return {};
+        } else if (e < 0x80) {
+            for (unsigned n = e & 0x3F; n != 0 && slot < slots; --n, ++slot)
+                if (!nonMatch())
+                    return {};
+        } else {
+            size_t skip = e < 0xC0 ? e & 0x3F : e < 0xE0 ? 64 + (e & 0x1F) : 96 + (size_t(e & 0x1F) << 8);
+            if (e >= 0xE0) {
+                if (mapPos >= f.map.size())
+                    return {};
+                skip += f.map[mapPos++];
+            }
+            slot += skip;
+            if (slot >= slots)
+                break;
+            if (!nonMatch())
+                return {};
+            ++slot;
+        }
+    }
+    const uint64_t width = cellBytes == 8 ? ~uint64_t(0) : (uint64_t(1) << (8 * cellBytes)) - 1;
+    for (uint64_t& cell : cells)
+        cell = (cell + f.segmin) & width;
+    return cells;
+}
+
+TEST(SegmentDecode, AgreesWithSlotBySlotReadingOnRandomSegments)
+{
+    std::mt19937_64 rng(11);
+    for (int round = 0; round < 4000; ++round) {
+        SegmentFields f;
+        f.byteMode = unsigned(rng() % 4);
+        const size_t cellBytes = size_t(1) << f.byteMode;
+        const size_t elems = 1 + rng() % (600 / cellBytes);
+        f.segSize = uint16_t(elems * cellBytes);
+        const uint64_t width = cellBytes == 8 ? ~uint64_t(0) : (uint64_t(1) << (8 * cellBytes)) - 1;
+        f.hasBias = true;
+        f.bias = rng() & width;
+        if (rng() % 2) // bias nibbles that repeat make escapes frequent
+            f.bias = (0x1111111111111111ull * (rng() % 16)) & width;
+        f.hasSegmin = rng() % 4 == 0;
+        f.segmin = f.hasSegmin ? rng() & width : 0;
+        // Streams of few distinct nibbles, so that literals repeat and escapes occur.
+        const unsigned alphabet = 2 + unsigned(rng() % 15);
+        f.stream.resize(rng() % 1200);
+        for (uint8_t& b : f.stream)
+            b = uint8_t((rng() % alphabet) << 4 | (rng() % alphabet));
+        // Maps mostly of groups and non-match runs, so that they cover many slots.
+        f.map.resize(rng() % 900);
+        for (uint8_t& e : f.map) {
+            const unsigned kind = unsigned(rng() % 10);
+            e = uint8_t(kind < 5 ? rng() % 0x40 : kind < 8 ? 0x40 | rng() % 0x40 : kind < 9 ? 0x80 | rng() % 0x40 : rng());
+        }
+        const std::vector<uint8_t> segment = BuildCompressedSegment(f);
+        // The zero padding after the map is read as map entries too, up to the segment's end.
+        const size_t fieldBytes = 6 + (f.hasSegmin ? cellBytes : 0) + cellBytes;
+        SegmentFields padded = f;
+        padded.map.resize(segment.size() - fieldBytes - f.stream.size(), 0);
+        const std::vector<uint64_t> expected = ReadSlotBySlot(padded, elems, cellBytes);
+        const std::vector<uint8_t> out = Expand(segment, f.segSize);
+        std::vector<uint64_t> cells(out.size() / cellBytes);
+        for (size_t i = 0; i < cells.size(); ++i)
+            for (size_t b = 0; b < cellBytes; ++b)
+                cells[i] |= uint64_t(out[i * cellBytes + b]) << (8 * b);
+        ASSERT_EQ(cells, expected) << "round " << round;
     }
 }
 

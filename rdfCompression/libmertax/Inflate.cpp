@@ -2,89 +2,31 @@
 #include "OptimalBiasDulo.h"
 
 #include "ByteAccess.h"
-#include "MapEntry.h"
+#include "NonMatchMask.h"
 #include "NonMatchReader.h"
 
 #include <cstring>
 
 namespace {
 
-// Write cursor over the slots of a segment in plane-major order: all elements of the most
-// significant nibble plane, then the next plane, down to the least significant one.
+// Sets the nibble at `shift` of every non-match cell of one plane to the next value from pValues;
+// the cells already hold the bias, which is what a match leaves.
 template <typename T>
-class CSlotCursor
+void PutPlane(const CNonMatchMask& mask, size_t firstSlot, size_t elems, unsigned shift, const uint8_t* pValues,
+              uint8_t* pCells)
 {
-public:
-    CSlotCursor(uint8_t* pOut, size_t elems, T bias)
-        : m_pOut(pOut), m_elems(elems), m_elem(0), m_bias(bias), m_nibShift(8 * sizeof(T) - 4),
-          m_biasNibMask(T(T(0xF) << m_nibShift))
-    {
-    }
-
-    uint8_t BiasNib() const { return uint8_t((m_bias >> m_nibShift) & 0xF); }
-
-    // Moves one slot on; false once the last slot of the last plane has been passed.
-    bool Advance()
-    {
-        if (++m_elem < m_elems)
-            return true;
-        m_elem = 0;
-        return NextPlane();
-    }
-
-    // Passes `count` matching slots, carrying into the following planes; false when they reach
-    // or pass the last slot.
-    bool Skip(size_t count)
-    {
-        m_elem += count;
-        while (m_elem >= m_elems) {
-            m_elem -= m_elems;
-            if (!NextPlane())
-                return false;
+    const T keep = T(~(T(0xF) << shift));
+    for (size_t elem = 0; elem < elems; elem += 64) {
+        uint64_t bits = mask.BitsAt(firstSlot + elem);
+        if (elems - elem < 64)
+            bits &= (uint64_t(1) << (elems - elem)) - 1;
+        // Only the non-matches are visited, lowest slot first.
+        for (; bits != 0; bits &= bits - 1) {
+            uint8_t* pCell = pCells + (elem + unsigned(__builtin_ctzll(bits))) * sizeof(T);
+            StoreLE<T>(pCell, T((LoadLE<T>(pCell) & keep) | T(T(*pValues++) << shift)));
         }
-        return true;
     }
-
-    // Sets the nibble of the slot `offset` places ahead of the current one, in the same plane; the
-    // element already holds the bias in every other plane.
-    void Put(uint8_t nibble, size_t offset = 0)
-    {
-        uint8_t* pCell = m_pOut + (m_elem + offset) * sizeof(T);
-        const T cell = LoadLE<T>(pCell);
-        StoreLE<T>(pCell, T((cell & T(~m_biasNibMask)) | (T(nibble) << m_nibShift)));
-    }
-
-    // Slots left in the current plane, the current one included.
-    size_t LeftInPlane() const { return m_elems - m_elem; }
-
-    // Moves `count` slots on within the plane (count <= LeftInPlane()); false once the last slot
-    // of the last plane has been passed.
-    bool AdvanceInPlane(size_t count)
-    {
-        m_elem += count;
-        if (m_elem < m_elems)
-            return true;
-        m_elem = 0;
-        return NextPlane();
-    }
-
-private:
-    bool NextPlane()
-    {
-        m_biasNibMask = T(m_biasNibMask >> 4);
-        if (m_biasNibMask == 0)
-            return false;
-        m_nibShift -= 4;
-        return true;
-    }
-
-    uint8_t* m_pOut;
-    size_t m_elems;
-    size_t m_elem;
-    T m_bias;
-    unsigned m_nibShift;
-    T m_biasNibMask;
-};
+}
 
 } // namespace
 
@@ -128,68 +70,25 @@ size_t COptimalBiasDulo::Inflate(const uint8_t* pCmpData, size_t segLength, uint
     const uint8_t* const pMapEnd = pCmpData + segLength;
 
     const size_t elems = segSize / sizeof(T);
-    for (size_t i = elems; i-- > 0;)
+    constexpr unsigned PLANES = 2 * sizeof(T);
+    CNonMatchMask mask;
+    if (!mask.Decode(pMap, pMapEnd, elems * PLANES))
+        return 0;
+
+    // Plane by plane: the plane's non-match nibbles from the stream, then put into their cells.
+    for (size_t i = 0; i < elems; ++i)
         StoreLE<T>(pDecmpData + i * sizeof(T), bias);
-
-    CSlotCursor<T> slot(pDecmpData, elems, bias);
-    CNonMatchReader nonMatches(pCmpData + pos, hdr.nonMatchLength, slot.BiasNib());
-    auto putNonMatch = [&]() {
-        uint8_t nibble;
-        if (!nonMatches.Next(slot.BiasNib(), nibble))
-            return false;
-        slot.Put(nibble);
-        return true;
-    };
-
-    // The map ends where its last slot is classified; running out of map or stream before that
-    // means the segment is damaged.
-    bool open = true;
-    while (open) {
-        if (pMap == pMapEnd)
+    CNonMatchReader nonMatches(pCmpData + pos, hdr.nonMatchLength, uint8_t(bias >> (8 * sizeof(T) - 4)));
+    uint8_t values[MAX_SEGMENT_BYTES + 16];
+    for (unsigned plane = 0; plane < PLANES; ++plane) {
+        const unsigned shift = 4 * (PLANES - 1 - plane);
+        const size_t firstSlot = plane * elems;
+        const size_t count = mask.Count(firstSlot, elems);
+        if (count == 0)
+            continue;
+        if (!nonMatches.Take(count, uint8_t(bias >> shift) & 0xF, values))
             return 0;
-        const uint8_t entry = *pMap++;
-        if (entry & 0x80) {
-            size_t matches;
-            if (!ReadMatchSkip(entry, pMap, pMapEnd, matches))
-                return 0;
-            if (!slot.Skip(matches))
-                break;
-            if (!putNonMatch())
-                return 0;
-            open = slot.Advance();
-        } else if (entry & 0x40) {
-            const unsigned count = entry & 0x3F;
-            if (count <= slot.LeftInPlane() && nonMatches.NibblesLeft() >= count * CNonMatchReader::NIBBLES_PER_SLOT) {
-                // Within one plane, with stream enough for every slot: the bias nibble stays, the
-                // slots are written in place and the stream needs no test per nibble.
-                const uint8_t biasNib = slot.BiasNib();
-                for (unsigned n = 0; n < count; ++n)
-                    slot.Put(nonMatches.NextWithin(biasNib), n);
-                open = slot.AdvanceInPlane(count);
-            } else {
-                for (unsigned n = count; n > 0 && open; --n) {
-                    if (!putNonMatch())
-                        return 0;
-                    open = slot.Advance();
-                }
-            }
-        } else if (slot.LeftInPlane() >= 6 && nonMatches.NibblesLeft() >= 6 * CNonMatchReader::NIBBLES_PER_SLOT) {
-            // A group within one plane, stream to spare: only its non-matches (0 bits, bit 5
-            // first) are visited.
-            const uint8_t biasNib = slot.BiasNib();
-            for (unsigned zeros = ~entry & 0x3Fu; zeros != 0;) {
-                const unsigned bit = 31 - unsigned(__builtin_clz(zeros));
-                zeros &= ~(1u << bit);
-                slot.Put(nonMatches.NextWithin(biasNib), 5 - bit);
-            }
-            open = slot.AdvanceInPlane(6);
-        } else {
-            for (unsigned bit = 0x20; bit != 0 && open; bit >>= 1) {
-                if ((entry & bit) == 0 && !putNonMatch())
-                    return 0;
-                open = slot.Advance();
-            }
-        }
+        PutPlane<T>(mask, firstSlot, elems, shift, values, pDecmpData);
     }
 
     if (hdr.subadd) {

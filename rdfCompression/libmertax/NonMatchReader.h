@@ -2,8 +2,12 @@
 // equal to the plane's bias nibble is an escape that introduces a run length.
 #pragma once
 
+#include "ByteAccess.h"
+
+#include <algorithm>
 #include <cstddef>
 #include <cstdint>
+#include <cstring>
 
 class CNonMatchReader
 {
@@ -17,26 +21,51 @@ public:
     // The nibble of the next non-match slot in a plane whose bias nibble is biasNib: a repeat of
     // the last literal while a run is owed, else the next literal, else (after an escape) the
     // last literal again with the run's remaining repeats now owed. False when the stream ends.
-    __attribute__((always_inline)) bool Next(uint8_t biasNib, uint8_t& nibble)
+    bool Next(uint8_t biasNib, uint8_t& nibble) { return NextSlot(biasNib, nibble); }
+
+    // The nibbles of the next `count` non-match slots of a plane whose bias nibble is biasNib, one
+    // per byte into pOut, which must have room for count + 15 bytes. False when the stream ends.
+    bool Take(size_t count, uint8_t biasNib, uint8_t* pOut)
     {
-        return NextSlot<true>(biasNib, nibble);
+        const uint64_t escapes = 0x1111111111111111ull * biasNib;
+        size_t done = 0;
+        while (done < count) {
+            if (m_nonMatchCnt != 0) {
+                const size_t repeats = m_nonMatchCnt < count - done ? m_nonMatchCnt : count - done;
+                std::memset(pOut + done, m_nmNib, repeats);
+                m_nonMatchCnt = uint8_t(m_nonMatchCnt - repeats);
+                done += repeats;
+                continue;
+            }
+            if ((m_nibblePos >> 1) + 8 <= m_nibbleEnd >> 1) {
+                // Sixteen nibbles at once (fifteen from a low half), first nibble on top: the
+                // literals before the first escape go out together.
+                uint64_t nibbles = __builtin_bswap64(LoadLE<uint64_t>(m_pStream + (m_nibblePos >> 1)));
+                nibbles <<= 4 * (m_nibblePos & 1);
+                size_t literals = 16 - (m_nibblePos & 1);
+                const uint64_t firstEscape = ZeroNibbles(nibbles ^ escapes);
+                if (firstEscape != 0)
+                    literals = std::min<size_t>(literals, size_t(__builtin_clzll(firstEscape)) / 4);
+                literals = std::min(literals, count - done);
+                if (literals != 0) {
+                    SpreadNibbles(nibbles, pOut + done);
+                    m_nmNib = uint8_t(nibbles >> (64 - 4 * literals)) & 0xF;
+                    m_nibblePos += literals;
+                    done += literals;
+                    continue;
+                }
+            }
+            if (!NextSlot(biasNib, pOut[done]))
+                return false;
+            ++done;
+        }
+        return true;
     }
 
-    // One slot takes at most NIBBLES_PER_SLOT nibbles (escape, escape, two count nibbles).
-    static constexpr size_t NIBBLES_PER_SLOT = 4;
-    size_t NibblesLeft() const { return m_nibbleEnd - m_nibblePos; }
-    // Next, for a caller that has made sure of NIBBLES_PER_SLOT nibbles per slot it asks for.
-    __attribute__((always_inline)) uint8_t NextWithin(uint8_t biasNib)
-    {
-        uint8_t nibble;
-        NextSlot<false>(biasNib, nibble);
-        return nibble;
-    }
-
-    bool ReadNibble(uint8_t& x) { return Read<true>(x); }
+    bool ReadNibble(uint8_t& x) { return Read(x); }
 
     // After an escape: one nibble, or, when that is the escape again, a byte of two nibbles.
-    bool ReadRunLength(uint8_t biasNib, uint8_t& runLength) { return ReadCount<true>(biasNib, runLength); }
+    bool ReadRunLength(uint8_t biasNib, uint8_t& runLength) { return ReadCount(biasNib, runLength); }
 
     // The run-entry replay of the bias hint works the repeat counter itself.
     uint8_t LastLiteral() const { return m_nmNib; }
@@ -44,10 +73,30 @@ public:
     uint8_t& RepeatsOwed() { return m_nonMatchCnt; }
 
 private:
-    // Runs once per non-match slot: kept inline (out of line it cost a third of expansion), as are
-    // the public forms above.
-    template <bool CHECKED>
-    __attribute__((always_inline)) bool NextSlot(uint8_t biasNib, uint8_t& nibble)
+    // Bit 3 set in every nibble of v that is 0, and nowhere else (no carry crosses a nibble).
+    static uint64_t ZeroNibbles(uint64_t v)
+    {
+        const uint64_t low3 = 0x7777777777777777ull;
+        return ~(((v & low3) + low3) | v) & 0x8888888888888888ull;
+    }
+
+    // The sixteen nibbles of v, first on top, one per byte in order.
+    static void SpreadNibbles(uint64_t v, uint8_t* pOut)
+    {
+        StoreLE<uint64_t>(pOut, __builtin_bswap64(SpreadToBytes(uint32_t(v >> 32))));
+        StoreLE<uint64_t>(pOut + 8, __builtin_bswap64(SpreadToBytes(uint32_t(v))));
+    }
+
+    // Nibble i of x (from the least significant) into byte i.
+    static uint64_t SpreadToBytes(uint32_t x)
+    {
+        uint64_t v = x;
+        v = (v | v << 16) & 0x0000FFFF0000FFFFull;
+        v = (v | v << 8) & 0x00FF00FF00FF00FFull;
+        return (v | v << 4) & 0x0F0F0F0F0F0F0F0Full;
+    }
+
+    bool NextSlot(uint8_t biasNib, uint8_t& nibble)
     {
         if (m_nonMatchCnt != 0) {
             --m_nonMatchCnt;
@@ -55,7 +104,7 @@ private:
             return true;
         }
         uint8_t x;
-        if (!Read<CHECKED>(x))
+        if (!Read(x))
             return false;
         if (x != biasNib) {
             m_nmNib = x;
@@ -63,7 +112,7 @@ private:
             return true;
         }
         uint8_t runLength;
-        if (!ReadCount<CHECKED>(biasNib, runLength))
+        if (!ReadCount(biasNib, runLength))
             return false;
         // The run counts the literal before the escape and the slot that read it.
         m_nonMatchCnt = uint8_t(runLength - 2);
@@ -71,10 +120,9 @@ private:
         return true;
     }
 
-    template <bool CHECKED>
-    __attribute__((always_inline)) bool Read(uint8_t& x)
+    bool Read(uint8_t& x)
     {
-        if (CHECKED && m_nibblePos >= m_nibbleEnd)
+        if (m_nibblePos >= m_nibbleEnd)
             return false;
         const uint8_t byte = m_pStream[m_nibblePos >> 1];
         x = (m_nibblePos & 1) ? (byte & 0xF) : (byte >> 4);
@@ -82,11 +130,10 @@ private:
         return true;
     }
 
-    template <bool CHECKED>
     bool ReadCount(uint8_t biasNib, uint8_t& runLength)
     {
         uint8_t n;
-        if (!Read<CHECKED>(n))
+        if (!Read(n))
             return false;
         if (n != biasNib) {
             runLength = n;
@@ -94,7 +141,7 @@ private:
         }
         uint8_t high;
         uint8_t low;
-        if (!Read<CHECKED>(high) || !Read<CHECKED>(low))
+        if (!Read(high) || !Read(low))
             return false;
         runLength = uint8_t(high << 4 | low);
         return true;

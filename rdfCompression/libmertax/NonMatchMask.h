@@ -1,0 +1,121 @@
+// A segment's map turned into one bit per slot (1 = non-match), in slot order: plane 0 from
+// element 0, then plane 1, and so on. Decoding the map apart from the stream lets the decoder
+// count each plane's non-matches first and then fill the plane without a test per slot.
+#pragma once
+
+#include "MapEntry.h"
+
+#include <array>
+#include <cstddef>
+#include <cstdint>
+#include <cstring>
+
+struct SMapPattern
+{
+    uint64_t bits;
+    uint8_t length;
+};
+
+// Slot bits of the one-byte entries below 0xC0, first slot in bit 0.
+constexpr std::array<SMapPattern, 0xC0> MakeMapPatterns()
+{
+    std::array<SMapPattern, 0xC0> patterns{};
+    for (unsigned entry = 0; entry < 0xC0; ++entry) {
+        SMapPattern& p = patterns[entry];
+        if (entry < 0x40) {
+            // Group: bit 5 is the first slot, a 0 bit a non-match.
+            for (unsigned slot = 0; slot < 6; ++slot)
+                if ((entry & (0x20u >> slot)) == 0)
+                    p.bits |= uint64_t(1) << slot;
+            p.length = 6;
+        } else if (entry < 0x80) {
+            const unsigned count = entry & 0x3F;
+            p.bits = (uint64_t(1) << count) - 1;
+            p.length = uint8_t(count);
+        } else {
+            const unsigned matches = entry & 0x3F;
+            p.bits = uint64_t(1) << matches;
+            p.length = uint8_t(matches + 1);
+        }
+    }
+    return patterns;
+}
+
+inline constexpr std::array<SMapPattern, 0xC0> MAP_PATTERNS = MakeMapPatterns();
+
+class CNonMatchMask
+{
+public:
+    // Slots of the largest segment: two per byte.
+    static constexpr size_t MAX_SLOTS = 16384;
+
+    // Classifies `slots` slots from the map at pMap. False when the map ends first.
+    bool Decode(const uint8_t* pMap, const uint8_t* pMapEnd, size_t slots)
+    {
+        const size_t words = (slots + 63) / 64;
+        // An entry may set bits up to 64 slots past the last one: two spare words take them.
+        std::memset(m_words, 0, (words + 2) * sizeof(uint64_t));
+        size_t pos = 0;
+        while (pos < slots) {
+            if (pMap == pMapEnd)
+                return false;
+            const uint8_t entry = *pMap++;
+            if (entry < 0xC0) {
+                // Groups, non-match runs and short skips are at most 64 slots: one table pattern
+                // ORed in at pos, spilling into the next word.
+                const SMapPattern pattern = MAP_PATTERNS[entry];
+                const unsigned shift = pos & 63;
+                m_words[pos >> 6] |= pattern.bits << shift;
+                m_words[(pos >> 6) + 1] |= (pattern.bits >> 1) >> (63 - shift);
+                pos += pattern.length;
+            } else {
+                size_t matches;
+                if (!ReadMatchSkip(entry, pMap, pMapEnd, matches))
+                    return false;
+                pos += matches;
+                if (pos >= slots)
+                    break;
+                m_words[pos >> 6] |= uint64_t(1) << (pos & 63);
+                ++pos;
+            }
+        }
+        // Bits past the last slot belong to no slot.
+        if (slots % 64 != 0)
+            m_words[words - 1] &= (uint64_t(1) << (slots % 64)) - 1;
+        m_words[words] = 0;
+        m_words[words + 1] = 0;
+        return true;
+    }
+
+    // The 64 slot bits from `pos` on (slot pos in bit 0); bits past the last slot are 0.
+    uint64_t BitsAt(size_t pos) const
+    {
+        const unsigned shift = pos & 63;
+        const uint64_t low = m_words[pos >> 6] >> shift;
+        return shift == 0 ? low : low | m_words[(pos >> 6) + 1] << (64 - shift);
+    }
+
+    // Non-matches among the `count` slots from `pos` on.
+    size_t Count(size_t pos, size_t count) const
+    {
+        size_t nonMatches = 0;
+        for (; count >= 64; pos += 64, count -= 64)
+            nonMatches += BitCount(BitsAt(pos));
+        if (count != 0)
+            nonMatches += BitCount(BitsAt(pos) & ((uint64_t(1) << count) - 1));
+        return nonMatches;
+    }
+
+private:
+    // Without a population-count instruction in the baseline target, the builtin becomes a
+    // library call; the bit-parallel sum is faster than that.
+    static size_t BitCount(uint64_t v)
+    {
+        v = v - ((v >> 1) & 0x5555555555555555ull);
+        v = (v & 0x3333333333333333ull) + ((v >> 2) & 0x3333333333333333ull);
+        v = (v + (v >> 4)) & 0x0F0F0F0F0F0F0F0Full;
+        return size_t((v * 0x0101010101010101ull) >> 56);
+    }
+
+    uint64_t m_words[MAX_SLOTS / 64 + 2];
+};
