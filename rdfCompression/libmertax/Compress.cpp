@@ -66,10 +66,15 @@ size_t COptimalBiasDulo::Compress(void* pUncData, const size_t& uncSize, const s
         if (cellSize == 2 && m_reduceWordSize) {
             // Up to 8192 bytes of 16-bit cells that all fit in a byte make one segment.
             const size_t bytesToTest = std::min<size_t>(bytesToDo, 2 * STD_SEGSIZE);
-            uint16_t result = 0;
-            for (size_t i = 0; i < bytesToTest / 2; ++i)
-                result |= LoadLE<uint16_t>(pUnc + 2 * i);
-            bytesToComp = (result & 0xFF00) == 0 ? bytesToTest : std::min<size_t>(bytesToDo, STD_SEGSIZE);
+            // The OR of the cells, four at a time and then singly.
+            uint64_t result = 0;
+            size_t i = 0;
+            for (; i + 8 <= bytesToTest; i += 8)
+                result |= LoadLE<uint64_t>(pUnc + i);
+            for (; i < bytesToTest; i += 2)
+                result |= LoadLE<uint16_t>(pUnc + i);
+            const bool bytesOnly = (result & 0xFF00FF00FF00FF00ull) == 0;
+            bytesToComp = bytesOnly ? bytesToTest : std::min<size_t>(bytesToDo, STD_SEGSIZE);
         }
         // The checks below use the worst case of a 4096-byte segment; an enlarged one needs more.
         if (GetWorstCaseCmpBufSize(cellSize, bytesToComp) > bufSize - totalCompressedSize)
