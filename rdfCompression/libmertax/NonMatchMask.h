@@ -95,6 +95,16 @@ public:
         return shift == 0 ? low : low | m_words[(pos >> 6) + 1] << (64 - shift);
     }
 
+    // Without a population-count instruction in the baseline target, the builtin becomes a
+    // library call; the bit-parallel sum is faster than that.
+    static size_t BitCount(uint64_t v)
+    {
+        v = v - ((v >> 1) & 0x5555555555555555ull);
+        v = (v & 0x3333333333333333ull) + ((v >> 2) & 0x3333333333333333ull);
+        v = (v + (v >> 4)) & 0x0F0F0F0F0F0F0F0Full;
+        return size_t((v * 0x0101010101010101ull) >> 56);
+    }
+
     // Non-matches among the `count` slots from `pos` on.
     size_t Count(size_t pos, size_t count) const
     {
@@ -107,15 +117,5 @@ public:
     }
 
 private:
-    // Without a population-count instruction in the baseline target, the builtin becomes a
-    // library call; the bit-parallel sum is faster than that.
-    static size_t BitCount(uint64_t v)
-    {
-        v = v - ((v >> 1) & 0x5555555555555555ull);
-        v = (v & 0x3333333333333333ull) + ((v >> 2) & 0x3333333333333333ull);
-        v = (v + (v >> 4)) & 0x0F0F0F0F0F0F0F0Full;
-        return size_t((v * 0x0101010101010101ull) >> 56);
-    }
-
     uint64_t m_words[MAX_SLOTS / 64 + 2];
 };

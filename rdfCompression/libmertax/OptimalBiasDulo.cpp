@@ -155,20 +155,12 @@ size_t COptimalBiasDulo::DecompressSegment(const uint8_t* pCmpData, size_t segLe
     default:
         break;
     }
-    const size_t outBytes = Inflate<uint8_t>(pCmpData, segLength, pDecmpData);
-    if (outBytes == 0 || m_inflateWordSize != 2)
-        return outBytes;
-    // Widen bytes to 16-bit cells in place, from the last one down so that no byte is
-    // overwritten before it has been read: the odd tail singly, then four at a time.
-    size_t i = outBytes;
-    for (; i % 4 != 0; --i)
-        StoreLE<uint16_t>(pDecmpData + 2 * (i - 1), pDecmpData[i - 1]);
-    for (; i != 0; i -= 4) {
-        uint64_t cells = LoadLE<uint32_t>(pDecmpData + i - 4);
-        cells = (cells | cells << 16) & 0x0000FFFF0000FFFFull;
-        cells = (cells | cells << 8) & 0x00FF00FF00FF00FFull;
-        StoreLE<uint64_t>(pDecmpData + 2 * (i - 4), cells);
-    }
+    if (m_inflateWordSize != 2)
+        return Inflate<uint8_t>(pCmpData, segLength, pDecmpData);
+    // Byte segments widen to 16-bit cells as they are decoded.
+    const size_t outBytes = Inflate<uint8_t, uint16_t>(pCmpData, segLength, pDecmpData);
+    if (outBytes == 0)
+        return 0;
     if (m_debugCompression >= 2)
         std::cout << std::dec << "DecmpSeg: expand to short - outBytes: " << 2 * outBytes << std::endl;
     return 2 * outBytes;

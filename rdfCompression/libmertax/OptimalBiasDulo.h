@@ -103,7 +103,9 @@ private:
     // Expands the segLength-byte segment at pCmpData; the output must have room for
     // ExpandedSegmentSize bytes. Returns the bytes written, 0 for a damaged segment.
     size_t DecompressSegment(const uint8_t* pCmpData, size_t segLength, uint8_t* pDecmpData);
-    template <typename T>
+    // Decodes a segment of T values into cells of TCell (16-bit cells for a byte segment that is
+    // widened); returns the segment's size in bytes of T.
+    template <typename T, typename TCell = T>
     size_t Inflate(const uint8_t* pCmpData, size_t segLength, uint8_t* pDecmpData);
     void HexDump(const std::string& info, const uint8_t* pData, size_t size);
 
