@@ -55,7 +55,10 @@ __attribute__((noinline)) void MergeBlock(const uint8_t* __restrict pNibbles, un
         const T keep = T(~(T(0xF) << shift));
         for (unsigned i = 0; i < 64; ++i) {
             uint8_t* pCell = pCells + i * sizeof(T);
-            StoreLE<T>(pCell, T((LoadLE<T>(pCell) & keep) | T(T(pNibbles[i]) << shift)));
+            // For 16-bit cells a multiplication rather than a shift: the shift would be done in
+            // int, which the vectorized loop would have to widen to and narrow from.
+            const T nibble = sizeof(T) == 2 ? T(T(pNibbles[i]) * T(1u << shift)) : T(T(pNibbles[i]) << shift);
+            StoreLE<T>(pCell, T((LoadLE<T>(pCell) & keep) | nibble));
         }
     }
 }

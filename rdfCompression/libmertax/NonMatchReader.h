@@ -54,6 +54,17 @@ public:
                     done += literals;
                     continue;
                 }
+                // An escape first: its run length follows in the same window.
+                const uint8_t runLength = uint8_t(nibbles >> 56) & 0xF;
+                if (runLength != biasNib) {
+                    m_nonMatchCnt = uint8_t(runLength - 2);
+                    m_nibblePos += 2;
+                } else {
+                    m_nonMatchCnt = uint8_t(uint8_t(nibbles >> 48) - 2);
+                    m_nibblePos += 4;
+                }
+                pOut[done++] = m_nmNib;
+                continue;
             }
             if (!NextSlot(biasNib, pOut[done]))
                 return false;
