@@ -32,7 +32,10 @@ public:
         while (done < count) {
             if (m_nonMatchCnt != 0) {
                 const size_t repeats = m_nonMatchCnt < count - done ? m_nonMatchCnt : count - done;
-                std::memset(pOut + done, m_nmNib, repeats);
+                // Eight at a time, into the room past `count`: most runs are short.
+                const uint64_t repeated = 0x0101010101010101ull * m_nmNib;
+                for (size_t i = 0; i < repeats; i += 8)
+                    StoreLE<uint64_t>(pOut + done + i, repeated);
                 m_nonMatchCnt = uint8_t(m_nonMatchCnt - repeats);
                 done += repeats;
                 continue;
