@@ -5,6 +5,7 @@
 #include "ByteAccess.h"
 #include "MapCoder.h"
 #include "NibbleCoder.h"
+#include "SlotShuffle.h"
 
 #include <algorithm>
 #include <cstring>
@@ -31,34 +32,37 @@ constexpr uint64_t RepeatCell(T value)
 
 constexpr size_t RoundUp4(size_t n) { return (n + 3) & ~size_t(3); }
 
-// Classifies 64 cells against the bias nibble under nibMask (which lies in one byte of the cell,
-// at byte `nibByte`): bit i set when cell i matches. Works on 8 bytes at a time: the cells'
-// nibbles xor the bias nibble, a byte is nonzero exactly when its top bit survives the add
-// trick, and a multiplication packs one flag per cell (no carries: each product term lands on
-// its own bit).
-template <typename T>
-uint64_t MatchMask64(const uint8_t* pCells, T nibMask, T nib, unsigned nibByte)
+// Bit i set when byte i of the 64 at pNibbles (each below 16) equals `nibble`. Eight at a time:
+// a byte that differs is 1 to 15 after the xor, so adding 0x7F sets its top bit and carries into
+// no other byte; the multiplication gathers the eight top bits, each product term on a bit of
+// its own.
+uint64_t MatchMask64(const uint8_t* pNibbles, uint8_t nibble)
 {
-    constexpr unsigned CELLS = 8 / sizeof(T);
-    constexpr unsigned LANE_BITS = 8 * sizeof(T);
-    constexpr uint64_t PACK = [] {
-        uint64_t m = 0;
-        for (unsigned j = 0; j < CELLS; ++j)
-            m |= uint64_t(1) << (LANE_BITS * j + CELLS - 1 - j);
-        return m;
-    }();
-    const uint64_t mask = RepeatCell<T>(nibMask);
-    const uint64_t bias = RepeatCell<T>(nib);
-    const uint64_t lowBytes = RepeatCell<T>(T(1));
+    const uint64_t repeated = 0x0101010101010101ull * nibble;
     uint64_t nonMatches = 0;
-    for (unsigned w = 0; w < 8 * sizeof(T); ++w) {
-        const uint64_t x = (LoadLE<uint64_t>(pCells + 8 * w) & mask) ^ bias;
-        const uint64_t nonZeroBytes = (((x & 0x7F7F7F7F7F7F7F7Full) + 0x7F7F7F7F7F7F7F7Full) | x) >> 7;
-        const uint64_t flags = (nonZeroBytes >> (8 * nibByte)) & lowBytes;
-        const uint64_t packed = (flags * PACK) >> (LANE_BITS * (CELLS - 1));
-        nonMatches |= (packed & ((uint64_t(1) << CELLS) - 1)) << (w * CELLS);
+    for (unsigned w = 0; w < 8; ++w) {
+        const uint64_t differ =
+            ((LoadLE<uint64_t>(pNibbles + 8 * w) ^ repeated) + 0x7F7F7F7F7F7F7F7Full) & 0x8080808080808080ull;
+        nonMatches |= ((differ >> 7) * 0x0102040810204080ull >> 56) << (8 * w);
     }
     return ~nonMatches;
+}
+
+// The nibble at `shift` of 64 cells, one per byte. Kept out of line, where the compiler sees
+// that the buffers do not overlap and the count is fixed, so that it vectorizes the loop.
+template <typename T>
+__attribute__((noinline)) void ExtractNibbles(const uint8_t* __restrict pCells, unsigned shift,
+                                              uint8_t* __restrict pNibbles)
+{
+    if constexpr (sizeof(T) == 1) {
+        // Eight byte cells per word; shifting the word moves no nibble into another byte that
+        // the mask keeps.
+        for (unsigned i = 0; i < 64; i += 8)
+            StoreLE<uint64_t>(pNibbles + i, (LoadLE<uint64_t>(pCells + i) >> shift) & 0x0F0F0F0F0F0F0F0Full);
+    } else {
+        for (unsigned i = 0; i < 64; ++i)
+            pNibbles[i] = uint8_t(LoadLE<T>(pCells + i * sizeof(T)) >> shift) & 0xF;
+    }
 }
 
 // Longest segment the 13-bit compSegSize field can describe, as a multiple of 4.
@@ -165,43 +169,50 @@ size_t COptimalBiasDulo::Deflate(uint8_t* pUncData, const uint16_t& segSize, T s
     CNibbleCoder nibbles(pCmpBuff + hdrBytes, storedLength > hdrBytes ? storedLength - hdrBytes : 0,
                          uint8_t((bias >> firstShift) & 0xF));
     const size_t skippedSlots = (reduced ? skippedPlanes - 2 : skippedPlanes) * elems;
+    // A plane's non-match nibbles are gathered here and coded together at the plane's end.
+    uint8_t planeNibbles[MAX_SEGMENT_BYTES + 16];
+    const SlotGatherFn gather = SelectSlotGather();
 
     for (unsigned plane = skippedPlanes; plane < PLANES; ++plane) {
         const unsigned nibShift = 4 * (PLANES - 1 - plane);
         const T biasNibMask = T(T(0xF) << nibShift);
         const T biasNib = T(bias & biasNibMask);
         const uint8_t escape = uint8_t(biasNib >> nibShift);
+        size_t nonMatchCount = 0;
         size_t e = 0;
         if (plane == skippedPlanes) {
             const T value = LoadLE<T>(pUncData);
             const bool match = (value & biasNibMask) == biasNib;
             map.First(match, skippedSlots);
             if (!match)
-                nibbles.NonMatch(uint8_t((value >> nibShift) & 0xF), escape);
+                planeNibbles[nonMatchCount++] = uint8_t((value >> nibShift) & 0xF);
             e = 1;
         }
         // Slots are classified 64 at a time into a mask of matches; the map coder takes the mask
-        // whole and the non-matches go to the nibble stream in slot order.
+        // whole and the non-matches' nibbles are gathered in slot order. A whole block first has
+        // its nibbles taken out, one per byte, which every cell size then tests alike.
         while (e < elems) {
             const unsigned count = unsigned(std::min<size_t>(64, elems - e));
             const uint8_t* pCells = pUncData + e * sizeof(T);
-            // Whole blocks of 8- and 16-bit cells are tested a word at a time; wider cells hold too
-            // few per word for that to pay.
-            uint64_t matches = 0;
-            if (sizeof(T) <= 2 && count == 64) {
-                matches = MatchMask64<T>(pCells, biasNibMask, biasNib, nibShift / 8);
+            if (count == 64) {
+                uint8_t blockNibbles[64];
+                ExtractNibbles<T>(pCells, nibShift, blockNibbles);
+                const uint64_t matches = MatchMask64(blockNibbles, escape);
+                map.NextSlots(matches, 64);
+                nonMatchCount += gather(~matches, blockNibbles, planeNibbles + nonMatchCount);
             } else {
+                uint64_t matches = 0;
                 for (unsigned i = 0; i < count; ++i)
                     matches |= uint64_t((LoadLE<T>(pCells + i * sizeof(T)) & biasNibMask) == biasNib) << i;
-            }
-            map.NextSlots(matches, count);
-            uint64_t nonMatches = ~matches & LowBits(count);
-            for (; nonMatches != 0; nonMatches &= nonMatches - 1) {
-                const unsigned i = unsigned(__builtin_ctzll(nonMatches));
-                nibbles.NonMatch(uint8_t((LoadLE<T>(pCells + i * sizeof(T)) >> nibShift) & 0xF), escape);
+                map.NextSlots(matches, count);
+                for (uint64_t nonMatches = ~matches & LowBits(count); nonMatches != 0; nonMatches &= nonMatches - 1) {
+                    const unsigned i = unsigned(__builtin_ctzll(nonMatches));
+                    planeNibbles[nonMatchCount++] = uint8_t((LoadLE<T>(pCells + i * sizeof(T)) >> nibShift) & 0xF);
+                }
             }
             e += count;
         }
+        nibbles.NonMatches(planeNibbles, nonMatchCount, escape);
         nibbles.EndPlane(escape);
     }
     nibbles.Finish(uint8_t(bias & 0xF));

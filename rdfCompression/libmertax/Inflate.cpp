@@ -4,7 +4,7 @@
 #include "ByteAccess.h"
 #include "NonMatchMask.h"
 #include "NonMatchReader.h"
-#include "SlotSpread.h"
+#include "SlotShuffle.h"
 
 #include <algorithm>
 

@@ -3,6 +3,8 @@
 // non-match can equal): v E n stands for n slots of v, and v E E h l for 16 to 255.
 #pragma once
 
+#include "ByteAccess.h"
+
 #include <cstddef>
 #include <cstdint>
 
@@ -28,6 +30,36 @@ public:
         Put(nibble);
         m_lastNM = nibble;
         m_nmRunLength = 1;
+    }
+
+    // The nibbles of `count` non-match slots of one plane, one per byte; pNibbles must be
+    // readable for 8 bytes past the last. Where no three nibbles in a row are equal, every run is
+    // one or two long, and a run of two is written as its literal twice: the nibbles then go
+    // into the stream as they stand, eight at a time.
+    void NonMatches(const uint8_t* pNibbles, size_t count, uint8_t escape)
+    {
+        size_t i = 0;
+        while (i + 8 <= count) {
+            const uint64_t x = LoadLE<uint64_t>(pNibbles + i);
+            // Byte j of `same`: nibble j equals the one before it (the last literal for j = 0).
+            const uint64_t same = ZeroBytes(x ^ (x << 8 | m_lastNM));
+            const bool continuesRun = same & 0x80;
+            if ((same & same << 8) != 0 || (continuesRun && m_nmRunLength > 1)) {
+                for (size_t end = i + 8; i < end; ++i)
+                    NonMatch(pNibbles[i], escape);
+                continue;
+            }
+            if (!continuesRun && m_nmRunLength > 1)
+                Flush(escape);
+            // A pair at the end stays open: its second nibble is owed as the run's flush.
+            const bool pairAtEnd = same >> 63;
+            PutNibbles(x, pairAtEnd ? 7 : 8);
+            m_lastNM = uint8_t(x >> 56);
+            m_nmRunLength = pairAtEnd ? 2 : 1;
+            i += 8;
+        }
+        for (; i < count; ++i)
+            NonMatch(pNibbles[i], escape);
     }
 
     // A run is closed with the escape of its plane; it may go on in the next plane, counted from 1.
@@ -87,6 +119,37 @@ private:
             PutByte(uint8_t(m_nmNibWIP << 4 | nibble));
             m_pending = false;
         }
+    }
+
+    // Seven or eight nibbles, the low `count` bytes of x, lowest first. With the pending high
+    // nibble in front they make up to nine: four bytes are packed at once and the odd one out
+    // stays pending.
+    void PutNibbles(uint64_t x, unsigned count)
+    {
+        const bool wasPending = m_pending;
+        const uint64_t sequence = wasPending ? (x << 8 | m_nmNibWIP) : x;
+        const unsigned nibbles = count + wasPending;
+        // Each 16-bit lane's two nibbles into its low byte, then the lanes closed up.
+        uint64_t v = ((sequence << 4) | (sequence >> 8)) & 0x00FF00FF00FF00FFull;
+        v = (v | v >> 8) & 0x0000FFFF0000FFFFull;
+        const uint32_t packed = uint32_t(v | v >> 16);
+        const unsigned bytes = nibbles >= 8 ? 4 : 3;
+        if (m_bytes + 4 <= m_writeLimit) {
+            StoreLE<uint32_t>(m_pOut + m_bytes, packed); // a fourth byte past `bytes` is rewritten later
+            m_bytes += bytes;
+        } else {
+            for (unsigned k = 0; k < bytes; ++k)
+                PutByte(uint8_t(packed >> (8 * k)));
+        }
+        // The last nibble that went into a high half, and the one left pending.
+        m_pending = nibbles % 2 != 0;
+        m_nmNibWIP = uint8_t(m_pending ? x >> (8 * (count - 1)) : sequence >> 48);
+    }
+
+    // Bit 7 set in every byte of v that is 0, and nowhere else.
+    static uint64_t ZeroBytes(uint64_t v)
+    {
+        return ~(((v & 0x7F7F7F7F7F7F7F7Full) + 0x7F7F7F7F7F7F7F7Full) | v) & 0x8080808080808080ull;
     }
 
     void PutByte(uint8_t byte)

@@ -1,0 +1,133 @@
+#include "SlotShuffle.h"
+
+#include <array>
+#include <cstring>
+
+#ifdef MERTAX_HAVE_SSSE3_SHUFFLE
+#include <immintrin.h>
+#endif
+
+size_t SpreadSlotsPortable(uint64_t bits, const uint8_t* pValues, uint8_t fill, uint8_t* pOut)
+{
+    std::memset(pOut, fill, 64);
+    size_t taken = 0;
+    for (; bits != 0; bits &= bits - 1)
+        pOut[__builtin_ctzll(bits)] = pValues[taken++];
+    return taken;
+}
+
+size_t GatherSlotsPortable(uint64_t bits, const uint8_t* pSlots, uint8_t* pOut)
+{
+    size_t put = 0;
+    for (; bits != 0; bits &= bits - 1)
+        pOut[put++] = pSlots[__builtin_ctzll(bits)];
+    return put;
+}
+
+#ifdef MERTAX_HAVE_SSSE3_SHUFFLE
+namespace {
+
+// Shuffle orders for eight slot bits m; 0x80 makes the shuffle yield 0.
+// Spread: byte j is the rank of bit j among the set bits when it is set, else 0x80.
+// Gather: byte k is the position of the k-th set bit, for k below their count, else 0x80.
+constexpr std::array<uint64_t, 256> MakeOrders(bool spread)
+{
+    std::array<uint64_t, 256> orders{};
+    for (unsigned m = 0; m < 256; ++m) {
+        unsigned rank = 0;
+        for (unsigned j = 0; j < 8; ++j) {
+            const bool set = (m >> j) & 1;
+            if (spread)
+                orders[m] |= uint64_t(set ? rank : 0x80) << (8 * j);
+            else if (set)
+                orders[m] |= uint64_t(j) << (8 * rank);
+            rank += set;
+        }
+        if (!spread)
+            for (unsigned k = rank; k < 8; ++k)
+                orders[m] |= uint64_t(0x80) << (8 * k);
+    }
+    return orders;
+}
+
+constexpr std::array<uint64_t, 256> SPREAD_ORDERS = MakeOrders(true);
+constexpr std::array<uint64_t, 256> GATHER_ORDERS = MakeOrders(false);
+constexpr uint64_t EIGHT = 0x0808080808080808ull;
+
+} // namespace
+
+__attribute__((target("ssse3,popcnt"))) size_t SpreadSlotsSsse3(uint64_t bits, const uint8_t* pValues, uint8_t fill,
+                                                                 uint8_t* pOut)
+{
+    const __m128i fills = _mm_set1_epi8(char(fill));
+    const __m128i none = _mm_set1_epi8(-1);
+    size_t taken = 0;
+    for (unsigned block = 0; block < 4; ++block, bits >>= 16) {
+        const unsigned low = unsigned(bits & 0xFF);
+        const unsigned high = unsigned(bits >> 8) & 0xFF;
+        // The high eight slots draw from past the values that the low eight took.
+        const uint64_t highOffset = uint64_t(__builtin_popcount(low)) * 0x0101010101010101ull;
+        const __m128i order = _mm_set_epi64x(int64_t(SPREAD_ORDERS[high] + highOffset), int64_t(SPREAD_ORDERS[low]));
+        const __m128i values = _mm_loadu_si128(reinterpret_cast<const __m128i*>(pValues + taken));
+        const __m128i spread = _mm_shuffle_epi8(values, order);
+        const __m128i isSet = _mm_cmpgt_epi8(order, none);
+        _mm_storeu_si128(reinterpret_cast<__m128i*>(pOut + 16 * block),
+                         _mm_or_si128(spread, _mm_andnot_si128(isSet, fills)));
+        taken += unsigned(__builtin_popcount(unsigned(bits & 0xFFFF)));
+    }
+    return taken;
+}
+
+__attribute__((target("ssse3,popcnt"))) size_t GatherSlotsSsse3(uint64_t bits, const uint8_t* pSlots, uint8_t* pOut)
+{
+    size_t put = 0;
+    for (unsigned block = 0; block < 4; ++block, bits >>= 16) {
+        const unsigned low = unsigned(bits & 0xFF);
+        const unsigned high = unsigned(bits >> 8) & 0xFF;
+        // The low eight slots pack into the low half, the high eight (indices 8 on) into the high
+        // half; each half is stored where the bytes before it end.
+        const __m128i order = _mm_set_epi64x(int64_t(GATHER_ORDERS[high] + EIGHT), int64_t(GATHER_ORDERS[low]));
+        const __m128i slots = _mm_loadu_si128(reinterpret_cast<const __m128i*>(pSlots + 16 * block));
+        const __m128i packed = _mm_shuffle_epi8(slots, order);
+        _mm_storel_epi64(reinterpret_cast<__m128i*>(pOut + put), packed);
+        put += unsigned(__builtin_popcount(low));
+        _mm_storel_epi64(reinterpret_cast<__m128i*>(pOut + put), _mm_unpackhi_epi64(packed, packed));
+        put += unsigned(__builtin_popcount(high));
+    }
+    return put;
+}
+#endif
+
+namespace {
+
+bool HasSsse3()
+{
+#ifdef MERTAX_HAVE_SSSE3_SHUFFLE
+    __builtin_cpu_init();
+    return __builtin_cpu_supports("ssse3") && __builtin_cpu_supports("popcnt");
+#else
+    return false;
+#endif
+}
+
+} // namespace
+
+SlotSpreadFn SelectSlotSpread()
+{
+#ifdef MERTAX_HAVE_SSSE3_SHUFFLE
+    static const SlotSpreadFn chosen = HasSsse3() ? SpreadSlotsSsse3 : SpreadSlotsPortable;
+    return chosen;
+#else
+    return SpreadSlotsPortable;
+#endif
+}
+
+SlotGatherFn SelectSlotGather()
+{
+#ifdef MERTAX_HAVE_SSSE3_SHUFFLE
+    static const SlotGatherFn chosen = HasSsse3() ? GatherSlotsSsse3 : GatherSlotsPortable;
+    return chosen;
+#else
+    return GatherSlotsPortable;
+#endif
+}

@@ -1,0 +1,29 @@
+// The two moves between the slots of a 64-slot block and a packed row of nibbles, one per byte:
+// the decoder spreads a plane's non-match nibbles over their slots, the encoder gathers them.
+// The SSSE3 forms shuffle sixteen slots at a time; the portable forms visit the set bits one by
+// one. Both give the same bytes, and the portable ones stay in use where SSSE3 is missing.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+
+// Writes the 64 bytes of pOut: every slot whose bit is set takes the next value of pValues, in
+// order, every other slot the fill nibble. Returns how many values it took; pValues must be
+// readable for 16 bytes past the last one taken.
+using SlotSpreadFn = size_t (*)(uint64_t bits, const uint8_t* pValues, uint8_t fill, uint8_t* pOut);
+
+// Appends to pOut the bytes of the 64-byte pSlots whose bits are set, in order, and returns how
+// many; pOut must have room for 16 bytes past them.
+using SlotGatherFn = size_t (*)(uint64_t bits, const uint8_t* pSlots, uint8_t* pOut);
+
+size_t SpreadSlotsPortable(uint64_t bits, const uint8_t* pValues, uint8_t fill, uint8_t* pOut);
+size_t GatherSlotsPortable(uint64_t bits, const uint8_t* pSlots, uint8_t* pOut);
+#if defined(__x86_64__) || defined(__i386__)
+#define MERTAX_HAVE_SSSE3_SHUFFLE 1
+size_t SpreadSlotsSsse3(uint64_t bits, const uint8_t* pValues, uint8_t fill, uint8_t* pOut);
+size_t GatherSlotsSsse3(uint64_t bits, const uint8_t* pSlots, uint8_t* pOut);
+#endif
+
+// The fastest forms this processor runs, chosen once.
+SlotSpreadFn SelectSlotSpread();
+SlotGatherFn SelectSlotGather();
