@@ -8,9 +8,11 @@
 #include "SlotShuffle.h"
 
 #include <algorithm>
+#include <array>
 #include <cstring>
 #include <iostream>
 #include <type_traits>
+#include <utility>
 
 namespace {
 
@@ -48,22 +50,28 @@ uint64_t MatchMask64(const uint8_t* pNibbles, uint8_t nibble)
     return ~nonMatches;
 }
 
-// The nibble at `shift` of 64 cells, one per byte. Kept out of line, where the compiler sees
-// that the buffers do not overlap and the count is fixed, so that it vectorizes the loop.
-template <typename T>
-__attribute__((noinline)) void ExtractNibbles(const uint8_t* __restrict pCells, unsigned shift,
-                                              uint8_t* __restrict pNibbles)
+// The nibble at SHIFT of 64 cells, one per byte. Out of line, with the shift fixed at compile
+// time, the compiler sees that the buffers do not overlap and vectorizes the loop in the cells'
+// own width (a shift by a variable would be done in int).
+template <typename T, unsigned SHIFT>
+__attribute__((noinline)) void ExtractNibbles(const uint8_t* __restrict pCells, uint8_t* __restrict pNibbles)
 {
-    if constexpr (sizeof(T) == 1) {
-        // Eight byte cells per word; shifting the word moves no nibble into another byte that
-        // the mask keeps.
-        for (unsigned i = 0; i < 64; i += 8)
-            StoreLE<uint64_t>(pNibbles + i, (LoadLE<uint64_t>(pCells + i) >> shift) & 0x0F0F0F0F0F0F0F0Full);
-    } else {
-        for (unsigned i = 0; i < 64; ++i)
-            pNibbles[i] = uint8_t(LoadLE<T>(pCells + i * sizeof(T)) >> shift) & 0xF;
-    }
+    for (unsigned i = 0; i < 64; ++i)
+        pNibbles[i] = uint8_t(LoadLE<T>(pCells + i * sizeof(T)) >> SHIFT) & 0xF;
 }
+
+using NibbleExtractor = void (*)(const uint8_t*, uint8_t*);
+
+// The extractor of each nibble plane, indexed by the plane's shift / 4.
+template <typename T, size_t... NIBBLE>
+constexpr std::array<NibbleExtractor, sizeof...(NIBBLE)> MakeExtractors(std::index_sequence<NIBBLE...>)
+{
+    return {&ExtractNibbles<T, unsigned(4 * NIBBLE)>...};
+}
+
+template <typename T>
+constexpr std::array<NibbleExtractor, 2 * sizeof(T)> EXTRACTORS =
+    MakeExtractors<T>(std::make_index_sequence<2 * sizeof(T)>());
 
 // Longest segment the 13-bit compSegSize field can describe, as a multiple of 4.
 constexpr size_t MAX_PADDED_SEGMENT = 8188;
@@ -178,6 +186,7 @@ size_t COptimalBiasDulo::Deflate(uint8_t* pUncData, const uint16_t& segSize, T s
         const T biasNibMask = T(T(0xF) << nibShift);
         const T biasNib = T(bias & biasNibMask);
         const uint8_t escape = uint8_t(biasNib >> nibShift);
+        const NibbleExtractor extract = EXTRACTORS<T>[nibShift / 4];
         size_t nonMatchCount = 0;
         size_t e = 0;
         if (plane == skippedPlanes) {
@@ -196,7 +205,7 @@ size_t COptimalBiasDulo::Deflate(uint8_t* pUncData, const uint16_t& segSize, T s
             const uint8_t* pCells = pUncData + e * sizeof(T);
             if (count == 64) {
                 uint8_t blockNibbles[64];
-                ExtractNibbles<T>(pCells, nibShift, blockNibbles);
+                extract(pCells, blockNibbles);
                 const uint64_t matches = MatchMask64(blockNibbles, escape);
                 map.NextSlots(matches, 64);
                 nonMatchCount += gather(~matches, blockNibbles, planeNibbles + nonMatchCount);
