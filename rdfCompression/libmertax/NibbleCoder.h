@@ -44,6 +44,12 @@ public:
             // Byte j of `same`: nibble j equals the one before it (the last literal for j = 0).
             const uint64_t same = ZeroBytes(x ^ (x << 8 | m_lastNM));
             const bool continuesRun = same & 0x80;
+            if (same == 0x8080808080808080ull && m_nmRunLength + 8 <= NM_RUN_LENGTH_MAX) {
+                // All eight repeat the run's nibble.
+                m_nmRunLength += 8;
+                i += 8;
+                continue;
+            }
             if ((same & same << 8) != 0 || (continuesRun && m_nmRunLength > 1)) {
                 for (size_t end = i + 8; i < end; ++i)
                     NonMatch(pNibbles[i], escape);
