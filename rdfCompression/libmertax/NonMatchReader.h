@@ -31,47 +31,45 @@ public:
         size_t done = 0;
         while (done < count) {
             if (m_nonMatchCnt != 0) {
-                const size_t repeats = m_nonMatchCnt < count - done ? m_nonMatchCnt : count - done;
-                // Eight at a time, into the room past `count`: most runs are short.
-                const uint64_t repeated = 0x0101010101010101ull * m_nmNib;
-                for (size_t i = 0; i < repeats; i += 8)
-                    StoreLE<uint64_t>(pOut + done + i, repeated);
-                m_nonMatchCnt = uint8_t(m_nonMatchCnt - repeats);
-                done += repeats;
+                done += PutRepeats(m_nonMatchCnt, count - done, pOut + done);
                 continue;
             }
-            if ((m_nibblePos >> 1) + 8 <= m_nibbleEnd >> 1) {
-                // Sixteen nibbles at once (fifteen from a low half), first nibble on top: the
-                // literals before the first escape go out together.
-                uint64_t nibbles = __builtin_bswap64(LoadLE<uint64_t>(m_pStream + (m_nibblePos >> 1)));
-                nibbles <<= 4 * (m_nibblePos & 1);
-                size_t literals = 16 - (m_nibblePos & 1);
-                const uint64_t firstEscape = ZeroNibbles(nibbles ^ escapes);
-                if (firstEscape != 0)
-                    literals = std::min<size_t>(literals, size_t(__builtin_clzll(firstEscape)) / 4);
-                literals = std::min(literals, count - done);
-                if (literals != 0) {
-                    SpreadNibbles(nibbles, pOut + done);
-                    m_nmNib = uint8_t(nibbles >> (64 - 4 * literals)) & 0xF;
-                    m_nibblePos += literals;
-                    done += literals;
-                    continue;
-                }
-                // An escape first: its run length follows in the same window.
-                const uint8_t runLength = uint8_t(nibbles >> 56) & 0xF;
-                if (runLength != biasNib) {
-                    m_nonMatchCnt = uint8_t(runLength - 2);
-                    m_nibblePos += 2;
-                } else {
-                    m_nonMatchCnt = uint8_t(uint8_t(nibbles >> 48) - 2);
-                    m_nibblePos += 4;
-                }
-                pOut[done++] = m_nmNib;
+            if ((m_nibblePos >> 1) + 8 > m_nibbleEnd >> 1) {
+                // Near the stream's end, one slot at a time.
+                if (!NextSlot(biasNib, pOut[done]))
+                    return false;
+                ++done;
                 continue;
             }
-            if (!NextSlot(biasNib, pOut[done]))
-                return false;
-            ++done;
+            // Sixteen nibbles at once (fifteen from a low half), first nibble on top: the literals
+            // before the first escape go out together, and then the escape and its run length.
+            uint64_t nibbles = __builtin_bswap64(LoadLE<uint64_t>(m_pStream + (m_nibblePos >> 1)));
+            const size_t window = 16 - (m_nibblePos & 1);
+            nibbles <<= 4 * (m_nibblePos & 1);
+            const uint64_t escapeMarks = ZeroNibbles(nibbles ^ escapes);
+            const size_t escapeAt = escapeMarks != 0 ? size_t(__builtin_clzll(escapeMarks)) / 4 : 16;
+            const size_t literals = std::min(std::min(escapeAt, window), count - done);
+            if (literals != 0) {
+                SpreadNibbles(nibbles, pOut + done);
+                m_nmNib = uint8_t(nibbles >> (64 - 4 * literals)) & 0xF;
+                m_nibblePos += literals;
+                done += literals;
+            }
+            // The escape and up to three nibbles of run length must lie in the window.
+            if (literals != escapeAt || escapeAt + 4 > window || done == count)
+                continue;
+            const unsigned shift = 4 * unsigned(escapeAt);
+            uint8_t runLength = uint8_t(nibbles << shift >> 56) & 0xF;
+            if (runLength != biasNib) {
+                m_nibblePos += 2;
+            } else {
+                runLength = uint8_t(nibbles << shift >> 48);
+                m_nibblePos += 4;
+            }
+            // The escape's own slot and the run's remaining repeats, the last literal each time.
+            unsigned owed = 1u + uint8_t(runLength - 2);
+            done += PutRepeats(owed, count - done, pOut + done);
+            m_nonMatchCnt = uint8_t(owed);
         }
         return true;
     }
@@ -87,6 +85,19 @@ public:
     uint8_t& RepeatsOwed() { return m_nonMatchCnt; }
 
 private:
+    // Up to `room` repeats of the last literal, of the `owed` ones (which drop by as many), eight
+    // at a time into the room past the plane's count: most runs are short. Returns how many.
+    template <typename TCount>
+    size_t PutRepeats(TCount& owed, size_t room, uint8_t* pOut)
+    {
+        const size_t repeats = owed < room ? owed : room;
+        const uint64_t repeated = 0x0101010101010101ull * m_nmNib;
+        for (size_t i = 0; i < repeats; i += 8)
+            StoreLE<uint64_t>(pOut + i, repeated);
+        owed = TCount(owed - repeats);
+        return repeats;
+    }
+
     // Bit 3 set in every nibble of v that is 0, and nowhere else (no carry crosses a nibble).
     static uint64_t ZeroNibbles(uint64_t v)
     {
