@@ -288,7 +288,8 @@ TEST(SegmentDecode, AgreesWithSlotBySlotReadingOnRandomSegments)
         f.map.resize(rng() % 900);
         for (uint8_t& e : f.map) {
             const unsigned kind = unsigned(rng() % 10);
-            e = uint8_t(kind < 5 ? rng() % 0x40 : kind < 8 ? 0x40 | rng() % 0x40 : kind < 9 ? 0x80 | rng() % 0x40 : rng());
+            const uint64_t low = rng() % 0x40;
+            e = uint8_t(kind < 5 ? low : kind < 8 ? 0x40 | low : kind < 9 ? 0x80 | low : rng());
         }
         const std::vector<uint8_t> segment = BuildCompressedSegment(f);
         // The zero padding after the map is read as map entries too, up to the segment's end.

@@ -7,7 +7,6 @@
 #include "SlotShuffle.h"
 
 #include <algorithm>
-
 #include <cstring>
 #include <vector>
 
@@ -50,7 +49,8 @@ __attribute__((noinline)) void MergeBlock(const uint8_t* __restrict pNibbles, un
         // Eight byte cells per word: a nibble shifted by at most 4 stays in its byte.
         const uint64_t keep = ~(0x0F0F0F0F0F0F0F0Full << shift);
         for (unsigned i = 0; i < 64; i += 8)
-            StoreLE<uint64_t>(pCells + i, (LoadLE<uint64_t>(pCells + i) & keep) | (LoadLE<uint64_t>(pNibbles + i) << shift));
+            StoreLE<uint64_t>(pCells + i,
+                              (LoadLE<uint64_t>(pCells + i) & keep) | (LoadLE<uint64_t>(pNibbles + i) << shift));
     } else {
         const T keep = T(~(T(0xF) << shift));
         for (unsigned i = 0; i < 64; ++i) {
