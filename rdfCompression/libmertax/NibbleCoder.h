@@ -32,10 +32,9 @@ public:
         m_nmRunLength = 1;
     }
 
-    // The nibbles of `count` non-match slots of one plane, one per byte; pNibbles must be
-    // readable for 8 bytes past the last. Where no three nibbles in a row are equal, every run is
-    // one or two long, and a run of two is written as its literal twice: the nibbles then go
-    // into the stream as they stand, eight at a time.
+    // The nibbles of `count` non-match slots of one plane, one per byte. Where no three nibbles in
+    // a row are equal, every run is one or two long, and a run of two is written as its literal
+    // twice: the nibbles then go into the stream as they stand, eight at a time.
     void NonMatches(const uint8_t* pNibbles, size_t count, uint8_t escape)
     {
         size_t i = 0;
@@ -50,7 +49,9 @@ public:
                 i += 8;
                 continue;
             }
-            if ((same & same << 8) != 0 || (continuesRun && m_nmRunLength > 1)) {
+            // A third in a row, here or with the open run, takes the nibble-by-nibble path; so
+            // does a first nibble that would only count (no literal yet, before any other).
+            if ((same & same << 8) != 0 || (continuesRun && m_nmRunLength != 1)) {
                 for (size_t end = i + 8; i < end; ++i)
                     NonMatch(pNibbles[i], escape);
                 continue;
