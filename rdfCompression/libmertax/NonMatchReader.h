@@ -9,6 +9,10 @@
 #include <cstdint>
 #include <cstring>
 
+#ifdef __SSE2__
+#include <emmintrin.h>
+#endif
+
 class CNonMatchReader
 {
 public:
@@ -27,32 +31,44 @@ public:
     // per byte into pOut, which must have room for count + 15 bytes. False when the stream ends.
     bool Take(size_t count, uint8_t biasNib, uint8_t* pOut)
     {
+        // The reader's state is worked in locals: stores through pOut may alias the members, which
+        // the compiler would otherwise reload after every store.
+        size_t pos = m_nibblePos;
+        uint8_t last = m_nmNib;
+        unsigned owed = m_nonMatchCnt;
+        const size_t streamBytes = m_nibbleEnd >> 1;
         const uint64_t escapes = 0x1111111111111111ull * biasNib;
         size_t done = 0;
         while (done < count) {
-            if (m_nonMatchCnt != 0) {
-                done += PutRepeats(m_nonMatchCnt, count - done, pOut + done);
+            if (owed != 0) {
+                done += PutRepeats(last, owed, count - done, pOut + done);
                 continue;
             }
-            if ((m_nibblePos >> 1) + 8 > m_nibbleEnd >> 1) {
+            if ((pos >> 1) + 8 > streamBytes) {
                 // Near the stream's end, one slot at a time.
+                m_nibblePos = pos;
+                m_nmNib = last;
+                m_nonMatchCnt = 0;
                 if (!NextSlot(biasNib, pOut[done]))
                     return false;
+                pos = m_nibblePos;
+                last = m_nmNib;
+                owed = m_nonMatchCnt;
                 ++done;
                 continue;
             }
             // Sixteen nibbles at once (fifteen from a low half), first nibble on top: the literals
             // before the first escape go out together, and then the escape and its run length.
-            uint64_t nibbles = __builtin_bswap64(LoadLE<uint64_t>(m_pStream + (m_nibblePos >> 1)));
-            const size_t window = 16 - (m_nibblePos & 1);
-            nibbles <<= 4 * (m_nibblePos & 1);
+            uint64_t nibbles = __builtin_bswap64(LoadLE<uint64_t>(m_pStream + (pos >> 1)));
+            const size_t window = 16 - (pos & 1);
+            nibbles <<= 4 * (pos & 1);
             const uint64_t escapeMarks = ZeroNibbles(nibbles ^ escapes);
             const size_t escapeAt = escapeMarks != 0 ? size_t(__builtin_clzll(escapeMarks)) / 4 : 16;
             const size_t literals = std::min(std::min(escapeAt, window), count - done);
             if (literals != 0) {
                 SpreadNibbles(nibbles, pOut + done);
-                m_nmNib = uint8_t(nibbles >> (64 - 4 * literals)) & 0xF;
-                m_nibblePos += literals;
+                last = uint8_t(nibbles >> (64 - 4 * literals)) & 0xF;
+                pos += literals;
                 done += literals;
             }
             // The escape and up to three nibbles of run length must lie in the window.
@@ -61,17 +77,40 @@ public:
             const unsigned shift = 4 * unsigned(escapeAt);
             uint8_t runLength = uint8_t(nibbles << shift >> 56) & 0xF;
             if (runLength != biasNib) {
-                m_nibblePos += 2;
+                pos += 2;
             } else {
                 runLength = uint8_t(nibbles << shift >> 48);
-                m_nibblePos += 4;
+                pos += 4;
             }
             // The escape's own slot and the run's remaining repeats, the last literal each time.
-            unsigned owed = 1u + uint8_t(runLength - 2);
-            done += PutRepeats(owed, count - done, pOut + done);
-            m_nonMatchCnt = uint8_t(owed);
+            owed = 1u + uint8_t(runLength - 2);
+            done += PutRepeats(last, owed, count - done, pOut + done);
         }
+        m_nibblePos = pos;
+        m_nmNib = last;
+        m_nonMatchCnt = uint8_t(owed);
         return true;
+    }
+
+    // The sixteen nibbles of v, first on top, one per byte in order: with SSE2 (part of every
+    // x86-64) the high and low halves of the bytes are interleaved in one step.
+    static void SpreadNibbles(uint64_t v, uint8_t* pOut)
+    {
+#ifdef __SSE2__
+        const uint64_t bytes = __builtin_bswap64(v); // first byte lowest, first nibble its high half
+        const __m128i highs = _mm_cvtsi64_si128(int64_t((bytes >> 4) & 0x0F0F0F0F0F0F0F0Full));
+        const __m128i lows = _mm_cvtsi64_si128(int64_t(bytes & 0x0F0F0F0F0F0F0F0Full));
+        _mm_storeu_si128(reinterpret_cast<__m128i*>(pOut), _mm_unpacklo_epi8(highs, lows));
+#else
+        SpreadNibblesPortable(v, pOut);
+#endif
+    }
+
+    // The same without SSE2, and the reference that it is tested against.
+    static void SpreadNibblesPortable(uint64_t v, uint8_t* pOut)
+    {
+        StoreLE<uint64_t>(pOut, __builtin_bswap64(SpreadToBytes(uint32_t(v >> 32))));
+        StoreLE<uint64_t>(pOut + 8, __builtin_bswap64(SpreadToBytes(uint32_t(v))));
     }
 
     bool ReadNibble(uint8_t& x) { return Read(x); }
@@ -85,31 +124,16 @@ public:
     uint8_t& RepeatsOwed() { return m_nonMatchCnt; }
 
 private:
-    // Up to `room` repeats of the last literal, of the `owed` ones (which drop by as many), eight
-    // at a time into the room past the plane's count: most runs are short. Returns how many.
-    template <typename TCount>
-    size_t PutRepeats(TCount& owed, size_t room, uint8_t* pOut)
+    // Up to `room` of the `owed` repeats of `nibble` (owed drops by as many), eight at a time into
+    // the room past the plane's count: most runs are short. Returns how many.
+    static size_t PutRepeats(uint8_t nibble, unsigned& owed, size_t room, uint8_t* pOut)
     {
         const size_t repeats = owed < room ? owed : room;
-        const uint64_t repeated = 0x0101010101010101ull * m_nmNib;
+        const uint64_t repeated = 0x0101010101010101ull * nibble;
         for (size_t i = 0; i < repeats; i += 8)
             StoreLE<uint64_t>(pOut + i, repeated);
-        owed = TCount(owed - repeats);
+        owed -= unsigned(repeats);
         return repeats;
-    }
-
-    // Bit 3 set in every nibble of v that is 0, and nowhere else (no carry crosses a nibble).
-    static uint64_t ZeroNibbles(uint64_t v)
-    {
-        const uint64_t low3 = 0x7777777777777777ull;
-        return ~(((v & low3) + low3) | v) & 0x8888888888888888ull;
-    }
-
-    // The sixteen nibbles of v, first on top, one per byte in order.
-    static void SpreadNibbles(uint64_t v, uint8_t* pOut)
-    {
-        StoreLE<uint64_t>(pOut, __builtin_bswap64(SpreadToBytes(uint32_t(v >> 32))));
-        StoreLE<uint64_t>(pOut + 8, __builtin_bswap64(SpreadToBytes(uint32_t(v))));
     }
 
     // Nibble i of x (from the least significant) into byte i.
@@ -119,6 +143,13 @@ private:
         v = (v | v << 16) & 0x0000FFFF0000FFFFull;
         v = (v | v << 8) & 0x00FF00FF00FF00FFull;
         return (v | v << 4) & 0x0F0F0F0F0F0F0F0Full;
+    }
+
+    // Bit 3 set in every nibble of v that is 0, and nowhere else (no carry crosses a nibble).
+    static uint64_t ZeroNibbles(uint64_t v)
+    {
+        const uint64_t low3 = 0x7777777777777777ull;
+        return ~(((v & low3) + low3) | v) & 0x8888888888888888ull;
     }
 
     bool NextSlot(uint8_t biasNib, uint8_t& nibble)
