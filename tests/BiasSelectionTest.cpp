@@ -15,9 +15,9 @@ TEST(BiasSelection, HistogramSearchTakesTheMostFrequentNibbleSmallestOnTies)
     const std::pair<Bytes, uint8_t> cases[] = {
         {{}, 0x00}, {{0x12, 0x34, 0x32}, 0x32}, {{0x12, 0x34}, 0x12}, {{0x15, 0x65, 0x22, 0x32}, 0x12}};
     for (const auto& c : cases)
-        EXPECT_EQ(CFindDuloBias<uint8_t>().FindDuloBias(c.first.data(), c.first.size(), 1), c.second);
+        EXPECT_EQ(CFindDuloBias<uint8_t>().FindDuloBias(c.first.data(), c.first.size()), c.second);
     const uint16_t shorts[] = {0xABCD, 0xAB00, 0x0BC0, 0x1111};
-    EXPECT_EQ(CFindDuloBias<uint16_t>().FindDuloBias(reinterpret_cast<const uint8_t*>(shorts), 4, 1), 0xABC0);
+    EXPECT_EQ(CFindDuloBias<uint16_t>().FindDuloBias(reinterpret_cast<const uint8_t*>(shorts), 4), 0xABC0);
 }
 
 template <typename T>

@@ -40,6 +40,14 @@ TEST(SegmentDecode, DocumentedExampleSegments)
         {"encoder's stored form of 12 12 13 12",
          {0x10, 0x01, 0x60, 0x00, 0x04, 0x00, 0x12, 0x12, 0x13, 0x12, 0x00, 0x00},
          {0x12, 0x12, 0x13, 0x12}},
+        // Streams one nibble short of what the last non-match needs: it comes from the map's
+        // first byte, which follows the stream inside the segment.
+        {"last nibble from the map, same value",
+         {0x92, 0x00, 0x60, 0x00, 0x08, 0x00, 0x30, 0x00, 0x0f, 0x2f, 0x84, 0x00},
+         {0x00, 0x00, 0x30, 0x30, 0x30, 0x30, 0x30, 0x00}},
+        {"last nibble from the map, another value",
+         {0x12, 0x00, 0x60, 0x00, 0x08, 0x00, 0x10, 0x87, 0x88, 0x00, 0x00, 0x00},
+         {0x10, 0x10, 0x10, 0x10, 0x10, 0x10, 0x10, 0x80}},
     };
     for (const Case& c : cases)
         EXPECT_EQ(Expand(c.segment, 64), c.expected) << c.name;
@@ -183,17 +191,20 @@ TEST(SegmentDecode, StoredSegmentsIgnoreTheCompressionFields)
 }
 
 // The format read one slot at a time, the way it is described: the cells of a segment of `elems`
-// elements of `cellBytes` bytes, or nothing when the map or the stream runs out.
+// elements of `cellBytes` bytes, or nothing when the map runs out or the stream runs past the
+// segment (it may run on into the map's bytes).
 std::vector<uint64_t> ReadSlotBySlot(const SegmentFields& f, size_t elems, size_t cellBytes)
 {
     const unsigned planes = unsigned(2 * cellBytes);
     std::vector<uint64_t> cells(elems, f.bias);
     size_t mapPos = 0;
     size_t nibblePos = 0;
+    std::vector<uint8_t> streamAndMap = f.stream;
+    streamAndMap.insert(streamAndMap.end(), f.map.begin(), f.map.end());
     auto readNibble = [&](uint8_t& x) {
-        if (nibblePos >= 2 * f.stream.size())
+        if (nibblePos >= 2 * streamAndMap.size())
             return false;
-        const uint8_t byte = f.stream[nibblePos / 2];
+        const uint8_t byte = streamAndMap[nibblePos / 2];
         x = nibblePos++ % 2 ? byte & 0xF : byte >> 4;
         return true;
     };

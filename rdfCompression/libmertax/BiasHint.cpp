@@ -6,6 +6,7 @@
 #include "FindDuloBias.h"
 #include "MapEntry.h"
 #include "NonMatchReader.h"
+#include "SegmentFormat.h"
 
 #include <algorithm>
 #include <array>
@@ -123,9 +124,9 @@ bool ReplayFromRunEntry(CHintReplay<T>& replay, CNonMatchReader& stream)
 template <typename T>
 bool COptimalBiasDulo::GetBiasHint(const uint8_t* pCmpData, size_t segLength, T* biasHint)
 {
-    if (segLength < MIN_COMPRESSED_SEGMENT_BYTES)
+    if (segLength < MIN_SEGMENT_BYTES)
         return false;
-    const SegmentHeader hdr = SegmentHeader::FromWord(LoadLE<uint32_t>(pCmpData));
+    const SegmentHeader hdr = ReadSegmentHeader(pCmpData);
     if (hdr.mapCode == NOT_COMPRESSED_MC)
         return false;
     if constexpr (std::is_same_v<T, uint16_t>) {
@@ -138,36 +139,20 @@ bool COptimalBiasDulo::GetBiasHint(const uint8_t* pCmpData, size_t segLength, T*
             return true;
         }
     }
-    size_t pos = 4;
-    size_t elems = STD_SEGSIZE / sizeof(T);
-    if (!hdr.stdSegSize) {
-        const uint16_t segSize = LoadLE<uint16_t>(pCmpData + pos);
-        if (segSize < STD_SEGSIZE / 2)
-            return false;
-        elems = segSize / sizeof(T);
-        pos += 2;
-    }
-    T segmin = 0;
-    T bias = 0;
-    if (hdr.subadd) {
-        if (sizeof(T) > segLength - pos)
-            return false;
-        segmin = LoadLE<T>(pCmpData + pos);
-        pos += sizeof(T);
-    }
-    if (hdr.algVersion == 1 || hdr.subadd) {
-        if (sizeof(T) > segLength - pos)
-            return false;
-        bias = LoadLE<T>(pCmpData + pos);
-        pos += sizeof(T);
-    }
-    if (hdr.nonMatchLength > segLength - pos)
+    CSegmentFields<T> fields;
+    if (!ParseSegment(pCmpData, segLength, fields))
         return false;
-    const uint8_t* pMap = pCmpData + pos + hdr.nonMatchLength;
+    // Short segments say too little about the data to come.
+    if (!hdr.stdSegSize && fields.segSize < STD_SEGSIZE / 2)
+        return false;
+    const size_t elems = fields.segSize / sizeof(T);
+    const T segmin = fields.segmin;
+    const T bias = fields.bias;
+    const uint8_t* pMap = pCmpData + fields.mapOffset;
     const uint8_t* const pMapEnd = pCmpData + segLength;
 
     CHintReplay<T> replay(elems, bias);
-    CNonMatchReader stream(pCmpData + pos, hdr.nonMatchLength, replay.BiasNib());
+    CNonMatchReader stream(pCmpData + fields.dataOffset, segLength - fields.dataOffset, replay.BiasNib());
     auto nonMatch = [&]() {
         uint8_t nibble;
         if (!stream.Next(replay.BiasNib(), nibble))

@@ -2,9 +2,11 @@
 // nibble plane, and keeps the compressed form unless the raw bytes are shorter.
 #include "OptimalBiasDulo.h"
 
+#include "BitOps.h"
 #include "ByteAccess.h"
 #include "MapCoder.h"
 #include "NibbleCoder.h"
+#include "SegmentFormat.h"
 #include "SlotShuffle.h"
 
 #include <algorithm>
@@ -15,24 +17,6 @@
 #include <utility>
 
 namespace {
-
-template <typename T>
-constexpr unsigned ByteModeOf()
-{
-    return sizeof(T) == 1 ? COptimalBiasDulo::BYTE_MODE
-           : sizeof(T) == 2 ? COptimalBiasDulo::SHORT_MODE
-           : sizeof(T) == 4 ? COptimalBiasDulo::U32B_MODE
-                            : COptimalBiasDulo::U64B_MODE;
-}
-
-// `value` in every T-sized cell of a 64-bit word.
-template <typename T>
-constexpr uint64_t RepeatCell(T value)
-{
-    return uint64_t(value) * (~uint64_t(0) / T(~T(0)));
-}
-
-constexpr size_t RoundUp4(size_t n) { return (n + 3) & ~size_t(3); }
 
 // Bit i set when byte i of the 64 at pNibbles (each below 16) equals `nibble`. Eight at a time:
 // a byte that differs is 1 to 15 after the xor, so adding 0x7F sets its top bit and carries into
@@ -77,42 +61,6 @@ constexpr std::array<NibbleExtractor, 2 * sizeof(T)> EXTRACTORS =
 constexpr size_t MAX_PADDED_SEGMENT = 8188;
 
 } // namespace
-
-bool COptimalBiasDulo::SegmentSizeAllowed(uint16_t segSize) const
-{
-    if (segSize <= (m_reduceWordSize ? 2 * STD_SEGSIZE : STD_SEGSIZE))
-        return true;
-    std::cout << std::dec << "Uncompressed segment size of " << segSize << " greater than max " << STD_SEGSIZE
-              << std::endl;
-    return false;
-}
-
-template <typename T>
-size_t COptimalBiasDulo::EncodeHeader(const uint16_t& segSize, T segmin, const T& bias, uint8_t* pCmpBuff)
-{
-    if (!SegmentSizeAllowed(segSize))
-        return 0;
-    SegmentHeader hdr = SegmentHeader::FromWord(0);
-    hdr.stdSegSize = segSize == STD_SEGSIZE;
-    hdr.byteMode = ByteModeOf<T>();
-    hdr.algVersion = (segmin != 0 || bias != 0) ? 1 : 0;
-    hdr.subadd = segmin != 0;
-    StoreLE<uint32_t>(pCmpBuff, hdr.ToWord());
-    size_t hdrBytes = 4;
-    if (!hdr.stdSegSize) {
-        StoreLE<uint16_t>(pCmpBuff + hdrBytes, segSize);
-        hdrBytes += 2;
-    }
-    if (segmin != 0) {
-        StoreLE<T>(pCmpBuff + hdrBytes, segmin);
-        hdrBytes += sizeof(T);
-    }
-    if (hdr.algVersion == 1) {
-        StoreLE<T>(pCmpBuff + hdrBytes, bias);
-        hdrBytes += sizeof(T);
-    }
-    return hdrBytes;
-}
 
 template <typename T>
 unsigned COptimalBiasDulo::CountSkippedPlanes(const uint8_t* pUncData, uint16_t segSize, T bias) const
@@ -178,7 +126,7 @@ size_t COptimalBiasDulo::Deflate(uint8_t* pUncData, const uint16_t& segSize, T s
                          uint8_t((bias >> firstShift) & 0xF));
     const size_t skippedSlots = (reduced ? skippedPlanes - 2 : skippedPlanes) * elems;
     // A plane's non-match nibbles are gathered here and coded together at the plane's end.
-    uint8_t planeNibbles[MAX_SEGMENT_BYTES + 16];
+    uint8_t planeNibbles[MAX_SEGMENT_DATA + 16];
     const SlotGatherFn gather = SelectSlotGather();
 
     for (unsigned plane = skippedPlanes; plane < PLANES; ++plane) {
@@ -245,7 +193,7 @@ size_t COptimalBiasDulo::Deflate(uint8_t* pUncData, const uint16_t& segSize, T s
             return (bias & 0xFF00) != 0 ? Deflate<uint16_t>(pUncData, segSize, segmin, T(bias & 0xFF), pCmpBuff) : 0;
     }
 
-    SegmentHeader hdr = SegmentHeader::FromWord(LoadLE<uint32_t>(pCmpBuff));
+    SegmentHeader hdr = ReadSegmentHeader(pCmpBuff);
     hdr.nonMatchLength = nonMatchLength & 0xFFF;
     size_t length;
     if (keepCompressed) {
@@ -283,7 +231,6 @@ size_t COptimalBiasDulo::Deflate(uint8_t* pUncData, const uint16_t& segSize, T s
 
 #define MERTAX_INSTANTIATE_ENCODER(T)                                                                                \
     template size_t COptimalBiasDulo::Deflate<T>(uint8_t*, const uint16_t&, T, const T&, uint8_t*);                 \
-    template size_t COptimalBiasDulo::EncodeHeader<T>(const uint16_t&, T, const T&, uint8_t*);                      \
     template unsigned COptimalBiasDulo::CountSkippedPlanes<T>(const uint8_t*, uint16_t, T) const;
 
 MERTAX_INSTANTIATE_ENCODER(uint8_t)

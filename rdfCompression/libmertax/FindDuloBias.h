@@ -29,19 +29,12 @@ template <typename T>
 class CFindDuloBias
 {
 public:
-    // Segments of at most this many elements are always sampled element by element.
-    static constexpr size_t DEFAULT_ELEM_INC_THRESHOLD = 10;
-    static constexpr size_t DEFAULT_ELEM_INC = 1;
-
-    // data holds elems little-endian elements; every elemInc-th one is sampled (elemInc >= 1).
-    T FindDuloBias(const uint8_t* data, size_t elems, size_t elemInc = DEFAULT_ELEM_INC) const
+    // data holds elems little-endian elements, every one of which is counted.
+    T FindDuloBias(const uint8_t* data, size_t elems) const
     {
         constexpr unsigned NIBBLES = 2 * sizeof(T);
         std::array<HISTO, NIBBLES> histo{}; // histo[0]: the least significant nibble
-        size_t wInc = 1;
-        if (elems > DEFAULT_ELEM_INC_THRESHOLD && elems > 2 * elemInc && elemInc > 0)
-            wInc = elemInc;
-        for (size_t w = 0; w < elems; w += wInc) {
+        for (size_t w = 0; w < elems; ++w) {
             const T temp = LoadLE<T>(data + w * sizeof(T));
             for (unsigned nib = 0; nib < NIBBLES; ++nib)
                 ++histo[nib][(temp >> (4 * nib)) & 0xF];

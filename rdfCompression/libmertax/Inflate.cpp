@@ -1,9 +1,11 @@
 // Segment decoder: expands one compressed segment into its elements of type T.
 #include "OptimalBiasDulo.h"
 
+#include "BitOps.h"
 #include "ByteAccess.h"
 #include "NonMatchMask.h"
 #include "NonMatchReader.h"
+#include "SegmentFormat.h"
 #include "SlotShuffle.h"
 
 #include <algorithm>
@@ -16,7 +18,7 @@ namespace {
 template <typename T>
 void FillCells(uint8_t* pCells, size_t count, T value)
 {
-    const uint64_t repeated = uint64_t(value) * (~uint64_t(0) / T(~T(0)));
+    const uint64_t repeated = RepeatCell<T>(value);
     size_t byte = 0;
     for (; byte + 8 <= count * sizeof(T); byte += 8)
         StoreLE<uint64_t>(pCells + byte, repeated);
@@ -76,9 +78,9 @@ void PutPlane(const CNonMatchMask& mask, size_t firstSlot, size_t elems, unsigne
         uint64_t bits = mask.BitsAt(firstSlot + elem);
         const size_t count = std::min<size_t>(64, elems - elem);
         if (count < 64)
-            bits &= (uint64_t(1) << count) - 1;
+            bits &= LowBits(unsigned(count));
         uint8_t* pBlock = pCells + elem * sizeof(T);
-        if (CNonMatchMask::BitCount(bits) > SPARSE_BLOCK) {
+        if (BitCount(bits) > SPARSE_BLOCK) {
             pValues += spread(bits, pValues, biasNib, nibbles);
             if (count == 64)
                 MergeBlock<T>(nibbles, shift, pBlock);
@@ -98,57 +100,39 @@ void PutPlane(const CNonMatchMask& mask, size_t firstSlot, size_t elems, unsigne
 template <typename T, typename TCell>
 size_t COptimalBiasDulo::Inflate(const uint8_t* pCmpData, size_t segLength, uint8_t* pDecmpData)
 {
-    const SegmentHeader hdr = SegmentHeader::FromWord(LoadLE<uint32_t>(pCmpData));
-    size_t pos = 4;
-    size_t segSize = STD_SEGSIZE;
-    if (!hdr.stdSegSize) {
-        segSize = LoadLE<uint16_t>(pCmpData + pos);
-        pos += 2;
-    }
-    if (segSize == 0 || segSize % sizeof(T) != 0 || segSize > MAX_SEGMENT_BYTES)
+    CSegmentFields<T> fields;
+    if (!ParseSegment(pCmpData, segLength, fields))
+        return 0;
+    const size_t segSize = fields.segSize;
+    if (segSize == 0 || segSize % sizeof(T) != 0 || segSize > MAX_SEGMENT_DATA)
         return 0;
 
-    if (hdr.mapCode == NOT_COMPRESSED_MC) {
-        if (segSize > segLength - pos)
-            return 0;
+    if (fields.hdr.mapCode == NOT_COMPRESSED_MC) {
+        const uint8_t* pRaw = pCmpData + fields.dataOffset;
         if (sizeof(TCell) == sizeof(T)) {
-            std::memcpy(pDecmpData, pCmpData + pos, segSize);
+            std::memcpy(pDecmpData, pRaw, segSize);
         } else {
             for (size_t i = 0; i < segSize; ++i)
-                StoreLE<TCell>(pDecmpData + i * sizeof(TCell), pCmpData[pos + i]);
+                StoreLE<TCell>(pDecmpData + i * sizeof(TCell), pRaw[i]);
         }
         return segSize;
     }
 
-    T segmin = 0;
-    T bias = 0;
-    if (hdr.subadd) {
-        if (sizeof(T) > segLength - pos)
-            return 0;
-        segmin = LoadLE<T>(pCmpData + pos);
-        pos += sizeof(T);
-    }
-    if (hdr.algVersion == 1 || hdr.subadd) {
-        if (sizeof(T) > segLength - pos)
-            return 0;
-        bias = LoadLE<T>(pCmpData + pos);
-        pos += sizeof(T);
-    }
-    if (hdr.nonMatchLength > segLength - pos)
-        return 0;
-    const uint8_t* pMap = pCmpData + pos + hdr.nonMatchLength;
-    const uint8_t* const pMapEnd = pCmpData + segLength;
-
+    const T segmin = fields.segmin;
+    const T bias = fields.bias;
     const size_t elems = segSize / sizeof(T);
     constexpr unsigned PLANES = 2 * sizeof(T);
     CNonMatchMask mask;
-    if (!mask.Decode(pMap, pMapEnd, elems * PLANES))
+    if (!mask.Decode(pCmpData + fields.mapOffset, pCmpData + segLength, elems * PLANES))
         return 0;
 
     // Plane by plane: the plane's non-match nibbles from the stream, then put into their cells.
     FillCells<TCell>(pDecmpData, elems, bias);
-    CNonMatchReader nonMatches(pCmpData + pos, hdr.nonMatchLength, uint8_t(bias >> (8 * sizeof(T) - 4)));
-    uint8_t values[MAX_SEGMENT_BYTES + 16];
+    // The stream may run on past nonMatchLength into the map, as encoders that dropped a segment's
+    // last pending nibble wrote it and as the reference decoder reads it; never past the segment.
+    CNonMatchReader nonMatches(pCmpData + fields.dataOffset, segLength - fields.dataOffset,
+                               uint8_t(bias >> (8 * sizeof(T) - 4)));
+    uint8_t values[MAX_SEGMENT_DATA + 16];
     const SlotSpreadFn spread = SelectSlotSpread();
     for (unsigned plane = 0; plane < PLANES; ++plane) {
         const unsigned shift = 4 * (PLANES - 1 - plane);
@@ -164,7 +148,7 @@ size_t COptimalBiasDulo::Inflate(const uint8_t* pCmpData, size_t segLength, uint
         PutPlane<TCell>(mask, firstSlot, elems, shift, biasNib, values, pDecmpData, spread);
     }
 
-    if (hdr.subadd) {
+    if (fields.hdr.subadd) {
         // The sum wraps in T, also in wider cells.
         for (size_t i = 0; i < elems; ++i) {
             uint8_t* pCell = pDecmpData + i * sizeof(TCell);

@@ -7,6 +7,8 @@
 
 #include "ByteAccess.h"
 #include "FindDuloBias.h"
+#include "Report.h"
+#include "SegmentFormat.h"
 
 #include <iostream>
 
@@ -25,9 +27,8 @@ T COptimalBiasDulo::GetTrueMinForEncode(const uint8_t* pData, const size_t& elem
         curMax = value > curMax ? value : curMax;
     }
     if (m_debugCompression != 0) {
-        const std::ios_base::fmtflags saved = std::cout.flags();
+        CFormatGuard guard(std::cout);
         std::cout << "GetTrueMin: cur min: 0x" << std::hex << curMin << " e: " << std::dec << e << std::endl;
-        std::cout.flags(saved);
     }
     // A 16-bit segment that is to be coded as bytes must keep its values below 256 unshifted.
     if (sizeof(T) == 2 && m_reduceWordSize && curMax > 255)
@@ -47,8 +48,8 @@ size_t COptimalBiasDulo::LevelCompress(uint8_t* pUncData, const uint16_t& segSiz
         T segmin = 0;
         T bias = 0;
         uint8_t* pData = pUncData;
-        alignas(8) uint8_t reduced[MAX_SEGMENT_BYTES]; // the segment less its minimum
-        if (level > FIND_OPTBIAS_COMP_LEVEL) {
+        alignas(8) uint8_t reduced[MAX_SEGMENT_DATA]; // the segment less its minimum
+        if (level >= SEGMIN_COMPRESS_LEVEL) {
             segmin = GetTrueMinForEncode<T>(pUncData, elems);
             if (segmin != 0 && segSize <= sizeof reduced) {
                 for (size_t i = 0; i < elems; ++i)
@@ -59,12 +60,11 @@ size_t COptimalBiasDulo::LevelCompress(uint8_t* pUncData, const uint16_t& segSiz
             }
         }
         if (level >= FIND_OPTBIAS_COMP_LEVEL) {
-            bias = CFindDuloBias<T>().FindDuloBias(pData, elems, 1);
+            bias = CFindDuloBias<T>().FindDuloBias(pData, elems);
             if (m_debugCompression != 0) {
-                const std::ios_base::fmtflags saved = std::cout.flags();
+                CFormatGuard guard(std::cout);
                 std::cout << "L" << std::dec << level << " FindOptBias 0x" << std::hex << bias << " Seg " << std::dec
                           << m_segsProcessed << " segmin " << segmin << std::endl;
-                std::cout.flags(saved);
             }
         } else {
             bias = T(m_biasHint);
@@ -79,10 +79,9 @@ size_t COptimalBiasDulo::LevelCompress(uint8_t* pUncData, const uint16_t& segSiz
         if (GetBiasHint<T>(pCmpBuff, result, &hint)) {
             m_biasHint = hint;
             if (m_debugCompression != 0) {
-                const std::ios_base::fmtflags saved = std::cout.flags();
+                CFormatGuard guard(std::cout);
                 std::cout << "L" << std::dec << level << " BiasHint 0x" << std::hex << hint << " Seg " << std::dec
                           << m_segsProcessed << std::endl;
-                std::cout.flags(saved);
             }
         }
     }

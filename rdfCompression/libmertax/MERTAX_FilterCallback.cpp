@@ -35,12 +35,9 @@ size_t ExpandChunk(COptimalBiasDulo& codec, const MERTAX_FilterData& filterData,
     codec.SetInflateWordSize(filterData.GetCellBytes());
 
     if (IsDuloDebugEnabled()) {
-        const std::ios_base::fmtflags savedFlags = std::cout.flags();
-        const char savedFill = std::cout.fill();
+        CFormatGuard guard(std::cout);
         std::cout << "MERTAX reading data at: " << std::hex << std::setfill('0') << *buf << std::dec
                   << " compressed bytes: " << numOfbytes << std::endl;
-        std::cout.fill(savedFill);
-        std::cout.flags(savedFlags);
     }
     const size_t expanded = codec.Decompress(static_cast<const uint8_t*>(*buf), numOfbytes, outBuffer, nbytes);
     const uint32_t dataWritten = uint32_t(expanded);

@@ -13,14 +13,11 @@ namespace {
 
 void ShowFilterParms(const MERTAX_FilterData& d)
 {
-    const std::ios_base::fmtflags savedFlags = std::cout.flags();
-    const char savedFill = std::cout.fill();
+    CFormatGuard guard(std::cout);
     std::cout << std::dec << "MERTAX bufferSize: " << d.GetBufferSize() << std::endl;
     std::cout << "MERTAX flags: 0x" << std::hex << std::setfill('0') << std::setw(8) << d.GetFlags() << std::endl;
     std::cout << std::dec << "MERTAX cellBytes: " << d.GetCellBytes() << std::endl;
     std::cout << "MERTAX compressLevel: " << d.GetCompressLevel() << std::endl;
-    std::cout.fill(savedFill);
-    std::cout.flags(savedFlags);
 }
 
 } // namespace

@@ -7,14 +7,10 @@
 // group bit by bit); all-zero groups are held back and written as non-match run entries.
 #pragma once
 
+#include "BitOps.h"
+
 #include <cstddef>
 #include <cstdint>
-
-// The lowest `count` bits set (count up to 64).
-inline uint64_t LowBits(unsigned count)
-{
-    return count >= 64 ? ~uint64_t(0) : (uint64_t(1) << count) - 1;
-}
 
 class CMapCoder
 {

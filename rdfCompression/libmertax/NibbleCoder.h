@@ -3,6 +3,7 @@
 // non-match can equal): v E n stands for n slots of v, and v E E h l for 16 to 255.
 #pragma once
 
+#include "BitOps.h"
 #include "ByteAccess.h"
 
 #include <cstddef>
@@ -151,12 +152,6 @@ private:
         // The last nibble that went into a high half, and the one left pending.
         m_pending = nibbles % 2 != 0;
         m_nmNibWIP = uint8_t(m_pending ? x >> (8 * (count - 1)) : sequence >> 48);
-    }
-
-    // Bit 7 set in every byte of v that is 0, and nowhere else.
-    static uint64_t ZeroBytes(uint64_t v)
-    {
-        return ~(((v & 0x7F7F7F7F7F7F7F7Full) + 0x7F7F7F7F7F7F7F7Full) | v) & 0x8080808080808080ull;
     }
 
     void PutByte(uint8_t byte)

@@ -3,6 +3,7 @@
 // count each plane's non-matches first and then fill the plane without a test per slot.
 #pragma once
 
+#include "BitOps.h"
 #include "MapEntry.h"
 
 #include <array>
@@ -95,16 +96,6 @@ public:
         return shift == 0 ? low : low | m_words[(pos >> 6) + 1] << (64 - shift);
     }
 
-    // Without a population-count instruction in the baseline target, the builtin becomes a
-    // library call; the bit-parallel sum is faster than that.
-    static size_t BitCount(uint64_t v)
-    {
-        v = v - ((v >> 1) & 0x5555555555555555ull);
-        v = (v & 0x3333333333333333ull) + ((v >> 2) & 0x3333333333333333ull);
-        v = (v + (v >> 4)) & 0x0F0F0F0F0F0F0F0Full;
-        return size_t((v * 0x0101010101010101ull) >> 56);
-    }
-
     // Non-matches among the `count` slots from `pos` on.
     size_t Count(size_t pos, size_t count) const
     {
@@ -112,7 +103,7 @@ public:
         for (; count >= 64; pos += 64, count -= 64)
             nonMatches += BitCount(BitsAt(pos));
         if (count != 0)
-            nonMatches += BitCount(BitsAt(pos) & ((uint64_t(1) << count) - 1));
+            nonMatches += BitCount(BitsAt(pos) & LowBits(unsigned(count)));
         return nonMatches;
     }
 

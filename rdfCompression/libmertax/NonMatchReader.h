@@ -2,6 +2,7 @@
 // equal to the plane's bias nibble is an escape that introduces a run length.
 #pragma once
 
+#include "BitOps.h"
 #include "ByteAccess.h"
 
 #include <algorithm>
@@ -142,13 +143,6 @@ private:
         v = (v | v << 16) & 0x0000FFFF0000FFFFull;
         v = (v | v << 8) & 0x00FF00FF00FF00FFull;
         return (v | v << 4) & 0x0F0F0F0F0F0F0F0Full;
-    }
-
-    // Bit 3 set in every nibble of v that is 0, and nowhere else (no carry crosses a nibble).
-    static uint64_t ZeroNibbles(uint64_t v)
-    {
-        const uint64_t low3 = 0x7777777777777777ull;
-        return ~(((v & low3) + low3) | v) & 0x8888888888888888ull;
     }
 
     bool NextSlot(uint8_t biasNib, uint8_t& nibble)

@@ -3,30 +3,11 @@
 
 #include "ByteAccess.h"
 #include "Report.h"
+#include "SegmentFormat.h"
 
 #include <cstring>
 #include <iomanip>
 #include <iostream>
-
-COptimalBiasDulo::SegmentHeader COptimalBiasDulo::SegmentHeader::FromWord(uint32_t word)
-{
-    SegmentHeader h;
-    h.stdSegSize = word & 0x1;
-    h.mapCode = (word >> 1) & 0x1;
-    h.byteMode = (word >> 2) & 0x3;
-    h.algVersion = (word >> 4) & 0x3;
-    h.subadd = (word >> 6) & 0x1;
-    h.nonMatchLength = (word >> 7) & 0xFFF;
-    h.compSegSize = (word >> 19) & 0x1FFF;
-    return h;
-}
-
-uint32_t COptimalBiasDulo::SegmentHeader::ToWord() const
-{
-    return uint32_t(stdSegSize) | uint32_t(mapCode) << 1 | uint32_t(byteMode) << 2 |
-           uint32_t(algVersion) << 4 | uint32_t(subadd) << 6 | uint32_t(nonMatchLength) << 7 |
-           uint32_t(compSegSize) << 19;
-}
 
 COptimalBiasDulo::COptimalBiasDulo()
     : m_reduceWordSize(false),
@@ -45,23 +26,10 @@ void COptimalBiasDulo::SetInflateWordSize(const size_t& inflateWordSize) { m_inf
 void COptimalBiasDulo::SetDebugLevel(size_t debugLevel) { m_debugCompression = debugLevel; }
 size_t COptimalBiasDulo::GetDebugLevel() const { return m_debugCompression; }
 
-size_t COptimalBiasDulo::CheckedSegmentLength(const uint8_t* pSeg, size_t available)
-{
-    if (available < MIN_COMPRESSED_SEGMENT_BYTES)
-        return 0;
-    const size_t compSegSize = LoadLE<uint16_t>(pSeg + 2) >> 3;
-    if (compSegSize < MIN_COMPRESSED_SEGMENT_BYTES || compSegSize > available)
-        return 0;
-    return compSegSize;
-}
-
 size_t COptimalBiasDulo::ExpandedSegmentSize(const uint8_t* pSeg) const
 {
-    const SegmentHeader hdr = SegmentHeader::FromWord(LoadLE<uint32_t>(pSeg));
-    size_t bytes = hdr.stdSegSize ? STD_SEGSIZE : LoadLE<uint16_t>(pSeg + 4);
-    if (hdr.byteMode == BYTE_MODE && m_inflateWordSize == 2)
-        bytes *= 2;
-    return bytes;
+    const size_t bytes = SegmentDataSize(pSeg);
+    return ReadSegmentHeader(pSeg).byteMode == BYTE_MODE && m_inflateWordSize == 2 ? 2 * bytes : bytes;
 }
 
 static void ReportCorruptData(size_t bytesDone)
@@ -112,7 +80,7 @@ size_t COptimalBiasDulo::Decompress(const uint8_t* pCmpData, const size_t cmpDat
     for (;;) {
         const uint8_t* pSeg = pCmpData + cmpPos;
         const size_t available = cmpDataSize - cmpPos;
-        if (available < MIN_COMPRESSED_SEGMENT_BYTES) {
+        if (available < MIN_SEGMENT_BYTES) {
             ReportCorruptData(dataWritten);
             break;
         }
@@ -140,7 +108,7 @@ size_t COptimalBiasDulo::Decompress(const uint8_t* pCmpData, const size_t cmpDat
 
 size_t COptimalBiasDulo::DecompressSegment(const uint8_t* pCmpData, size_t segLength, uint8_t* pDecmpData)
 {
-    const SegmentHeader hdr = SegmentHeader::FromWord(LoadLE<uint32_t>(pCmpData));
+    const SegmentHeader hdr = ReadSegmentHeader(pCmpData);
     if (m_debugCompression >= 2) {
         std::cout << std::dec << "DecmpSeg: LW.mode: " << hdr.byteMode << " desired wsize: " << m_inflateWordSize
                   << std::endl;

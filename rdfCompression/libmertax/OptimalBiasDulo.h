@@ -89,17 +89,9 @@ public:
                       const size_t desiredSize, size_t* cmpConsumed);
 
 private:
-    // The writer's largest segment (16-bit data under word-size reduction) and smallest one (a
-    // header word and at least one more word).
-    static constexpr size_t MAX_SEGMENT_BYTES = 2 * STD_SEGSIZE;
-    static constexpr size_t MIN_COMPRESSED_SEGMENT_BYTES = 8;
-
     // Bytes of the segment at pSeg (whose first 8 bytes are readable) once expanded, taking
     // widening into account.
     size_t ExpandedSegmentSize(const uint8_t* pSeg) const;
-    // Length of the segment at pSeg as its header states it, or 0 when that is too short for a
-    // segment or runs past the `available` bytes.
-    static size_t CheckedSegmentLength(const uint8_t* pSeg, size_t available);
     // Expands the segLength-byte segment at pCmpData; the output must have room for
     // ExpandedSegmentSize bytes. Returns the bytes written, 0 for a damaged segment.
     size_t DecompressSegment(const uint8_t* pCmpData, size_t segLength, uint8_t* pDecmpData);

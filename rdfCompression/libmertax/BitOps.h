@@ -1,0 +1,44 @@
+// Word-parallel bit tricks shared by the coders. All work on plain 64-bit words, so that they
+// compile to a few instructions at the baseline target, without intrinsics.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+
+// The lowest `count` bits set (count up to 64).
+constexpr uint64_t LowBits(unsigned count)
+{
+    return count >= 64 ? ~uint64_t(0) : (uint64_t(1) << count) - 1;
+}
+
+// `value` in every T-sized cell of a 64-bit word.
+template <typename T>
+constexpr uint64_t RepeatCell(T value)
+{
+    return uint64_t(value) * (~uint64_t(0) / T(~T(0)));
+}
+
+// Bit 7 set in every byte of v that is 0, and nowhere else (no carry crosses a byte).
+constexpr uint64_t ZeroBytes(uint64_t v)
+{
+    return ~(((v & 0x7F7F7F7F7F7F7F7Full) + 0x7F7F7F7F7F7F7F7Full) | v) & 0x8080808080808080ull;
+}
+
+// Bit 3 set in every nibble of v that is 0, and nowhere else (no carry crosses a nibble).
+constexpr uint64_t ZeroNibbles(uint64_t v)
+{
+    const uint64_t low3 = 0x7777777777777777ull;
+    return ~(((v & low3) + low3) | v) & 0x8888888888888888ull;
+}
+
+// Set bits of v. Without a population-count instruction in the baseline target the builtin
+// becomes a library call; the bit-parallel sum is faster than that.
+constexpr size_t BitCount(uint64_t v)
+{
+    v = v - ((v >> 1) & 0x5555555555555555ull);
+    v = (v & 0x3333333333333333ull) + ((v >> 2) & 0x3333333333333333ull);
+    v = (v + (v >> 4)) & 0x0F0F0F0F0F0F0F0Full;
+    return size_t((v * 0x0101010101010101ull) >> 56);
+}
+
+constexpr size_t RoundUp4(size_t n) { return (n + 3) & ~size_t(3); }

@@ -1,0 +1,81 @@
+// The segment header word, the framing's view of a segment, and the writer of the header fields.
+#include "SegmentFormat.h"
+
+#include <iostream>
+
+COptimalBiasDulo::SegmentHeader COptimalBiasDulo::SegmentHeader::FromWord(uint32_t word)
+{
+    SegmentHeader h;
+    h.stdSegSize = word & 0x1;
+    h.mapCode = (word >> 1) & 0x1;
+    h.byteMode = (word >> 2) & 0x3;
+    h.algVersion = (word >> 4) & 0x3;
+    h.subadd = (word >> 6) & 0x1;
+    h.nonMatchLength = (word >> 7) & 0xFFF;
+    h.compSegSize = (word >> 19) & 0x1FFF;
+    return h;
+}
+
+uint32_t COptimalBiasDulo::SegmentHeader::ToWord() const
+{
+    return uint32_t(stdSegSize) | uint32_t(mapCode) << 1 | uint32_t(byteMode) << 2 |
+           uint32_t(algVersion) << 4 | uint32_t(subadd) << 6 | uint32_t(nonMatchLength) << 7 |
+           uint32_t(compSegSize) << 19;
+}
+
+size_t CheckedSegmentLength(const uint8_t* pSeg, size_t available)
+{
+    if (available < MIN_SEGMENT_BYTES)
+        return 0;
+    const size_t compSegSize = ReadSegmentHeader(pSeg).compSegSize;
+    if (compSegSize < MIN_SEGMENT_BYTES || compSegSize > available)
+        return 0;
+    return compSegSize;
+}
+
+size_t SegmentDataSize(const uint8_t* pSeg)
+{
+    return ReadSegmentHeader(pSeg).stdSegSize ? COptimalBiasDulo::STD_SEGSIZE : LoadLE<uint16_t>(pSeg + 4);
+}
+
+bool COptimalBiasDulo::SegmentSizeAllowed(uint16_t segSize) const
+{
+    const size_t limit = m_reduceWordSize ? MAX_SEGMENT_DATA : STD_SEGSIZE;
+    if (segSize <= limit)
+        return true;
+    std::cout << std::dec << "Uncompressed segment size of " << segSize << " greater than max " << STD_SEGSIZE
+              << std::endl;
+    return false;
+}
+
+template <typename T>
+size_t COptimalBiasDulo::EncodeHeader(const uint16_t& segSize, T segmin, const T& bias, uint8_t* pCmpBuff)
+{
+    if (!SegmentSizeAllowed(segSize))
+        return 0;
+    SegmentHeader hdr = SegmentHeader::FromWord(0);
+    hdr.stdSegSize = segSize == STD_SEGSIZE;
+    hdr.byteMode = ByteModeOf<T>();
+    hdr.algVersion = (segmin != 0 || bias != 0) ? 1 : 0;
+    hdr.subadd = segmin != 0;
+    StoreLE<uint32_t>(pCmpBuff, hdr.ToWord());
+    size_t hdrBytes = 4;
+    if (!hdr.stdSegSize) {
+        StoreLE<uint16_t>(pCmpBuff + hdrBytes, segSize);
+        hdrBytes += 2;
+    }
+    if (segmin != 0) {
+        StoreLE<T>(pCmpBuff + hdrBytes, segmin);
+        hdrBytes += sizeof(T);
+    }
+    if (hdr.algVersion == 1) {
+        StoreLE<T>(pCmpBuff + hdrBytes, bias);
+        hdrBytes += sizeof(T);
+    }
+    return hdrBytes;
+}
+
+template size_t COptimalBiasDulo::EncodeHeader<uint8_t>(const uint16_t&, uint8_t, const uint8_t&, uint8_t*);
+template size_t COptimalBiasDulo::EncodeHeader<uint16_t>(const uint16_t&, uint16_t, const uint16_t&, uint8_t*);
+template size_t COptimalBiasDulo::EncodeHeader<uint32_t>(const uint16_t&, uint32_t, const uint32_t&, uint8_t*);
+template size_t COptimalBiasDulo::EncodeHeader<uint64_t>(const uint16_t&, uint64_t, const uint64_t&, uint8_t*);
