@@ -3,7 +3,7 @@
 // reading: the slot spread and gather on sparse, dense, empty and full blocks, and the stream
 // reader's spread of sixteen nibbles.
 #include "NonMatchReader.h"
-#include "SlotShuffle.h"
+#include "KernelDispatch.h"
 
 #include <gtest/gtest.h>
 
@@ -38,22 +38,11 @@ std::vector<SBlock> RandomBlocks()
     return blocks;
 }
 
-bool HasSsse3()
-{
-#ifdef MERTAX_HAVE_SSSE3_SHUFFLE
-    return __builtin_cpu_supports("ssse3") && __builtin_cpu_supports("popcnt");
-#else
-    return false;
-#endif
-}
-
 TEST(SlotShuffle, EverySpreadAgreesWithPlainReading)
 {
-    std::vector<SlotSpreadFn> forms = {SpreadSlotsPortable, SelectSlotSpread()};
-#ifdef MERTAX_HAVE_SSSE3_SHUFFLE
-    if (HasSsse3())
-        forms.push_back(SpreadSlotsSsse3);
-#endif
+    std::vector<SlotSpreadFn> forms;
+    for (EKernelSet set : SupportedKernelSets())
+        forms.push_back(KernelsOf(set).spread);
     for (const SBlock& block : RandomBlocks()) {
         const uint8_t fill = uint8_t(block.bits % 16);
         std::vector<uint8_t> expected(64, fill);
@@ -71,11 +60,9 @@ TEST(SlotShuffle, EverySpreadAgreesWithPlainReading)
 
 TEST(SlotShuffle, EveryGatherAgreesWithPlainReading)
 {
-    std::vector<SlotGatherFn> forms = {GatherSlotsPortable, SelectSlotGather()};
-#ifdef MERTAX_HAVE_SSSE3_SHUFFLE
-    if (HasSsse3())
-        forms.push_back(GatherSlotsSsse3);
-#endif
+    std::vector<SlotGatherFn> forms;
+    for (EKernelSet set : SupportedKernelSets())
+        forms.push_back(KernelsOf(set).gather);
     for (const SBlock& block : RandomBlocks()) {
         std::vector<uint8_t> expected;
         for (unsigned slot = 0; slot < 64; ++slot)

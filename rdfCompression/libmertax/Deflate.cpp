@@ -7,7 +7,7 @@
 #include "MapCoder.h"
 #include "NibbleCoder.h"
 #include "SegmentFormat.h"
-#include "SlotShuffle.h"
+#include "KernelDispatch.h"
 
 #include <algorithm>
 #include <array>
@@ -127,7 +127,7 @@ size_t COptimalBiasDulo::Deflate(uint8_t* pUncData, const uint16_t& segSize, T s
     const size_t skippedSlots = (reduced ? skippedPlanes - 2 : skippedPlanes) * elems;
     // A plane's non-match nibbles are gathered here and coded together at the plane's end.
     uint8_t planeNibbles[MAX_SEGMENT_DATA + 16];
-    const SlotGatherFn gather = SelectSlotGather();
+    const SlotGatherFn gather = ActiveKernels().gather;
 
     for (unsigned plane = skippedPlanes; plane < PLANES; ++plane) {
         const unsigned nibShift = 4 * (PLANES - 1 - plane);

@@ -6,7 +6,7 @@
 #include "NonMatchMask.h"
 #include "NonMatchReader.h"
 #include "SegmentFormat.h"
-#include "SlotShuffle.h"
+#include "KernelDispatch.h"
 
 #include <algorithm>
 #include <cstring>
@@ -133,7 +133,7 @@ size_t COptimalBiasDulo::Inflate(const uint8_t* pCmpData, size_t segLength, uint
     CNonMatchReader nonMatches(pCmpData + fields.dataOffset, segLength - fields.dataOffset,
                                uint8_t(bias >> (8 * sizeof(T) - 4)));
     uint8_t values[MAX_SEGMENT_DATA + 16];
-    const SlotSpreadFn spread = SelectSlotSpread();
+    const SlotSpreadFn spread = ActiveKernels().spread;
     for (unsigned plane = 0; plane < PLANES; ++plane) {
         const unsigned shift = 4 * (PLANES - 1 - plane);
         const size_t firstSlot = plane * elems;

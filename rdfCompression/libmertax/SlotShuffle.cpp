@@ -97,37 +97,3 @@ __attribute__((target("ssse3,popcnt"))) size_t GatherSlotsSsse3(uint64_t bits, c
     return put;
 }
 #endif
-
-namespace {
-
-bool HasSsse3()
-{
-#ifdef MERTAX_HAVE_SSSE3_SHUFFLE
-    __builtin_cpu_init();
-    return __builtin_cpu_supports("ssse3") && __builtin_cpu_supports("popcnt");
-#else
-    return false;
-#endif
-}
-
-} // namespace
-
-SlotSpreadFn SelectSlotSpread()
-{
-#ifdef MERTAX_HAVE_SSSE3_SHUFFLE
-    static const SlotSpreadFn chosen = HasSsse3() ? SpreadSlotsSsse3 : SpreadSlotsPortable;
-    return chosen;
-#else
-    return SpreadSlotsPortable;
-#endif
-}
-
-SlotGatherFn SelectSlotGather()
-{
-#ifdef MERTAX_HAVE_SSSE3_SHUFFLE
-    static const SlotGatherFn chosen = HasSsse3() ? GatherSlotsSsse3 : GatherSlotsPortable;
-    return chosen;
-#else
-    return GatherSlotsPortable;
-#endif
-}

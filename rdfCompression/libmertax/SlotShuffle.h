@@ -1,7 +1,7 @@
 // The two moves between the slots of a 64-slot block and a packed row of nibbles, one per byte:
 // the decoder spreads a plane's non-match nibbles over their slots, the encoder gathers them.
 // The SSSE3 forms shuffle sixteen slots at a time; the portable forms visit the set bits one by
-// one. Both give the same bytes, and the portable ones stay in use where SSSE3 is missing.
+// one. Both give the same bytes; KernelDispatch chooses between them.
 #pragma once
 
 #include <cstddef>
@@ -23,7 +23,3 @@ size_t GatherSlotsPortable(uint64_t bits, const uint8_t* pSlots, uint8_t* pOut);
 size_t SpreadSlotsSsse3(uint64_t bits, const uint8_t* pValues, uint8_t fill, uint8_t* pOut);
 size_t GatherSlotsSsse3(uint64_t bits, const uint8_t* pSlots, uint8_t* pOut);
 #endif
-
-// The fastest forms this processor runs, chosen once.
-SlotSpreadFn SelectSlotSpread();
-SlotGatherFn SelectSlotGather();

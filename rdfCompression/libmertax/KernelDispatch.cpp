@@ -1,0 +1,64 @@
+#include "KernelDispatch.h"
+
+#include <atomic>
+
+namespace {
+
+constexpr CKernels PORTABLE_KERNELS = {"portable", SpreadSlotsPortable, GatherSlotsPortable};
+#ifdef MERTAX_HAVE_SSSE3_SHUFFLE
+constexpr CKernels SSSE3_KERNELS = {"ssse3", SpreadSlotsSsse3, GatherSlotsSsse3};
+#endif
+
+std::vector<EKernelSet> DetectKernelSets()
+{
+    std::vector<EKernelSet> sets = {EKernelSet::PORTABLE};
+#ifdef MERTAX_HAVE_SSSE3_SHUFFLE
+    __builtin_cpu_init();
+    if (__builtin_cpu_supports("ssse3") && __builtin_cpu_supports("popcnt"))
+        sets.push_back(EKernelSet::SSSE3);
+#endif
+    return sets;
+}
+
+std::atomic<const CKernels*> s_active{nullptr};
+
+} // namespace
+
+const std::vector<EKernelSet>& SupportedKernelSets()
+{
+    static const std::vector<EKernelSet> sets = DetectKernelSets();
+    return sets;
+}
+
+const CKernels& KernelsOf(EKernelSet set)
+{
+    switch (set) {
+#ifdef MERTAX_HAVE_SSSE3_SHUFFLE
+    case EKernelSet::SSSE3:
+        return SSSE3_KERNELS;
+#endif
+    default:
+        return PORTABLE_KERNELS;
+    }
+}
+
+const CKernels& ActiveKernels()
+{
+    const CKernels* active = s_active.load(std::memory_order_acquire);
+    if (active == nullptr) {
+        active = &KernelsOf(SupportedKernelSets().back());
+        s_active.store(active, std::memory_order_release);
+    }
+    return *active;
+}
+
+bool UseKernelSet(EKernelSet set)
+{
+    for (EKernelSet supported : SupportedKernelSets()) {
+        if (supported == set) {
+            s_active.store(&KernelsOf(set), std::memory_order_release);
+            return true;
+        }
+    }
+    return false;
+}
