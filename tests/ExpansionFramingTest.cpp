@@ -5,6 +5,8 @@
 
 #include <gtest/gtest.h>
 
+#include <sstream>
+
 namespace {
 
 const std::vector<uint8_t> FOUR_BYTES = {0x92, 0x00, 0x60, 0x00, 0x04, 0x00, 0x12, 0x30, 0x86, 0x81, 0x00, 0x00};
@@ -154,6 +156,31 @@ TEST(ExpansionFraming, DebugLevelTracesAndDumpsUntilItFallsToTen)
     const std::string widened = "DecmpSeg: expand to short - outBytes: 8\n";
     const std::string dump = "\nDecompressed Data(4 bytes at address=ADDR)\n00: 12 12 13 12\n\n";
     EXPECT_EQ(text, trace + dump + widened + trace + dump + widened + trace + widened);
+}
+
+TEST(ExpansionFraming, DumpNamesTheOutputAndWideningTracesEvenAnEmptySegment)
+{
+    for (size_t wordSize : {size_t(0), size_t(2)}) {
+        COptimalBiasDulo codec;
+        codec.SetDebugLevel(11);
+        codec.SetInflateWordSize(wordSize);
+        std::vector<uint8_t> out(16);
+        CCapturedStream captured(std::cout);
+        codec.Decompress(FOUR_BYTES.data(), FOUR_BYTES.size(), out.data(), out.size());
+        std::ostringstream address;
+        address << "address=" << static_cast<const void*>(out.data()) << ")";
+        EXPECT_NE(captured.Text().find(address.str()), std::string::npos) << captured.Text();
+    }
+    std::vector<uint8_t> empty = EIGHT_BYTES;
+    empty[4] = 0;
+    COptimalBiasDulo codec;
+    codec.SetDebugLevel(2);
+    codec.SetInflateWordSize(2);
+    std::vector<uint8_t> out(16);
+    CCapturedStream captured(std::cout);
+    EXPECT_EQ(codec.Decompress(empty.data(), empty.size(), out.data(), out.size()), 0u);
+    EXPECT_EQ(captured.Text(), "DecmpSeg: LW.mode: 0 desired wsize: 2\nDecmpSeg: expand to short - outBytes: 0\n"
+                               "Error: deDULO returned: 0 after decompress: 0 bytes\n");
 }
 
 TEST(ExpansionFraming, HexDumpRowsAndTheFirstRowPadding)

@@ -156,11 +156,15 @@ size_t COptimalBiasDulo::Inflate(const uint8_t* pCmpData, size_t segLength, uint
         }
     }
     if (m_debugCompression > 10) {
-        // The dump shows the segment's values as bytes of T, before any widening.
-        std::vector<uint8_t> values(segSize);
-        for (size_t i = 0; i < elems; ++i)
-            StoreLE<T>(values.data() + i * sizeof(T), T(LoadLE<TCell>(pDecmpData + i * sizeof(TCell))));
-        HexDump("Decompressed Data", values.data(), segSize);
+        // The dump shows the segment's values as bytes of T, before any widening, at the output.
+        if (sizeof(TCell) == sizeof(T)) {
+            HexDump("Decompressed Data", pDecmpData, segSize);
+        } else {
+            std::vector<uint8_t> narrow(segSize);
+            for (size_t i = 0; i < elems; ++i)
+                StoreLE<T>(narrow.data() + i * sizeof(T), T(LoadLE<TCell>(pDecmpData + i * sizeof(TCell))));
+            HexDump("Decompressed Data", narrow.data(), segSize, pDecmpData);
+        }
         if (m_debugCompression > 10)
             --m_debugCompression;
     }

@@ -106,6 +106,18 @@ size_t COptimalBiasDulo::Decompress(const uint8_t* pCmpData, const size_t cmpDat
     return dataWritten;
 }
 
+size_t COptimalBiasDulo::Decompress(uint8_t* pCmpData, const size_t cmpDataSize, void* pDecmpBuff,
+                                    const size_t decmpBuffSize)
+{
+    return Decompress(static_cast<const uint8_t*>(pCmpData), cmpDataSize, pDecmpBuff, decmpBuffSize);
+}
+
+size_t COptimalBiasDulo::Decompress(uint8_t* pCmpData, const size_t cmpDataSize, void* pDecmpBuff,
+                                    const size_t desiredSize, size_t* cmpConsumed)
+{
+    return Decompress(static_cast<const uint8_t*>(pCmpData), cmpDataSize, pDecmpBuff, desiredSize, cmpConsumed);
+}
+
 size_t COptimalBiasDulo::DecompressSegment(const uint8_t* pCmpData, size_t segLength, uint8_t* pDecmpData)
 {
     const SegmentHeader hdr = ReadSegmentHeader(pCmpData);
@@ -127,20 +139,18 @@ size_t COptimalBiasDulo::DecompressSegment(const uint8_t* pCmpData, size_t segLe
         return Inflate<uint8_t>(pCmpData, segLength, pDecmpData);
     // Byte segments widen to 16-bit cells as they are decoded.
     const size_t outBytes = Inflate<uint8_t, uint16_t>(pCmpData, segLength, pDecmpData);
-    if (outBytes == 0)
-        return 0;
     if (m_debugCompression >= 2)
         std::cout << std::dec << "DecmpSeg: expand to short - outBytes: " << 2 * outBytes << std::endl;
     return 2 * outBytes;
 }
 
-void COptimalBiasDulo::HexDump(const std::string& info, const uint8_t* pData, size_t size)
+void COptimalBiasDulo::HexDump(const std::string& info, const uint8_t* pData, size_t size, const void* pShownAddress)
 {
     std::ostream& os = std::cout;
     const std::ios_base::fmtflags saved = os.flags();
     os << std::endl
-       << info << "(" << std::dec << size << " bytes at address=" << static_cast<const void*>(pData) << ")"
-       << std::endl;
+       << info << "(" << std::dec << size << " bytes at address="
+       << (pShownAddress != nullptr ? pShownAddress : static_cast<const void*>(pData)) << ")" << std::endl;
     // The row offset is padded with whatever fill the stream holds; the byte columns set it to
     // '0' and leave it there, so only the very first row the process prints pads with a blank.
     for (uint32_t row = 0; row < size; row += 16) {

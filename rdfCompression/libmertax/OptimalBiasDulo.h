@@ -87,6 +87,11 @@ public:
     // compressed bytes used, so a caller can continue from there.
     size_t Decompress(const uint8_t* pCmpData, const size_t cmpDataSize, void* pDecmpBuff,
                       const size_t desiredSize, size_t* cmpConsumed);
+    // The same two forms as first declared, with a non-const input; programs built against that
+    // declaration link to these. The input is only read.
+    size_t Decompress(uint8_t* pCmpData, const size_t cmpDataSize, void* pDecmpBuff, const size_t decmpBuffSize);
+    size_t Decompress(uint8_t* pCmpData, const size_t cmpDataSize, void* pDecmpBuff, const size_t desiredSize,
+                      size_t* cmpConsumed);
 
 private:
     // Bytes of the segment at pSeg (whose first 8 bytes are readable) once expanded, taking
@@ -99,7 +104,9 @@ private:
     // widened); returns the segment's size in bytes of T.
     template <typename T, typename TCell = T>
     size_t Inflate(const uint8_t* pCmpData, size_t segLength, uint8_t* pDecmpData);
-    void HexDump(const std::string& info, const uint8_t* pData, size_t size);
+    // Dumps `size` bytes of pData; the title names pShownAddress instead where the bytes shown are a
+    // copy of what lies there.
+    void HexDump(const std::string& info, const uint8_t* pData, size_t size, const void* pShownAddress = nullptr);
 
     // Codes one segment with the level's choice of segmin and bias; 0 on failure.
     size_t CompressSegment(void* pUncData, const uint16_t& segSize, const size_t& cellSize, uint8_t* pCmpBuff);
