@@ -11,6 +11,7 @@ set -euo pipefail
 cd "$(dirname "$0")"
 
 PACKAGES=(cmake make g++ pkg-config libgtest-dev libbenchmark-dev libboost-dev libhdf5-dev hdf5-tools python3-h5py python3-numpy
+    openmpi-bin libhdf5-openmpi-dev python3-h5py-mpi python3-mpi4py
     liblz4-dev libzstd-dev zlib1g-dev libblosc-dev)
 # The HDF5 plugins that the benchmark compares with.
 BENCH_PACKAGES=(hdf5-filter-plugin hdf5-filter-plugin-blosc-serial bitshuffle)

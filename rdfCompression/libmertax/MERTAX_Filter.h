@@ -12,7 +12,9 @@
 
 #define ZV_H5_MERTAX_FILTER_ID 32910
 
+#ifdef __cplusplus
 extern "C" {
+#endif
 
 // Compresses the chunk in *buf (flags without H5Z_FLAG_REVERSE) or expands it; on success *buf is
 // replaced by a malloc'ed buffer of *buf_size bytes and the valid byte count is returned, on
@@ -28,4 +30,6 @@ MERTAX_API htri_t H5Z_dulo_can_apply_filter_cb(hid_t dcpl_id, hid_t type_id, hid
 MERTAX_API herr_t H5Z_dulo_set_local_filter_cb(hid_t dcpl_id, hid_t type_id, hid_t space_id);
 
 MERTAX_API extern const H5Z_class2_t H5Z_DULO_Filter;
+#ifdef __cplusplus
 }
+#endif

@@ -1,11 +1,13 @@
 // The filter function: HDF5 calls it for every chunk, to compress it on write and to expand it on
 // read. Each call decodes the dataset's client data and runs a fresh codec between HDF5's buffer
 // and one buffer of its own, which replaces HDF5's on success.
+#include "ExpansionFailure.h"
+#include "Hdf5Binding.h"
 #include "MERTAX_Debug.h"
 #include "MERTAX_Filter.h"
 #include "MERTAX_FilterData.h"
 #include "OptimalBiasDulo.h"
-#include "Report.h"
+#include "PluginReport.h"
 
 #include <algorithm>
 #include <cstdint>
@@ -15,6 +17,8 @@
 
 namespace {
 
+constexpr const char* FILTER = "H5Z_filter_dulo";
+
 size_t ExpandChunk(COptimalBiasDulo& codec, const MERTAX_FilterData& filterData, size_t numOfbytes,
                    size_t* buf_size, void** buf)
 {
@@ -23,12 +27,13 @@ size_t ExpandChunk(COptimalBiasDulo& codec, const MERTAX_FilterData& filterData,
     // An empty expansion would succeed with a count of 0, which HDF5 takes for failure after the
     // buffer has been swapped.
     if (nbytes == 0) {
-        ReportFailure(std::cerr, "MERTAX filter has no size to expand the chunk to");
+        ReportPluginFailure(std::cerr, FILTER, EHdf5Error::FILTER, "MERTAX filter has no size to expand the chunk to");
         return 0;
     }
     void* outBuffer = std::malloc(nbytes);
     if (outBuffer == nullptr) {
-        ReportFailure(std::cerr, "MERTAX filter unable to malloc ", nbytes, " bytes for data expansion");
+        ReportPluginFailure(std::cerr, FILTER, EHdf5Error::FILTER, "MERTAX filter unable to malloc ", nbytes,
+                            " bytes for data expansion");
         return 0;
     }
     // Byte segments written from 16-bit data under word-size reduction come back as 16-bit cells.
@@ -44,8 +49,11 @@ size_t ExpandChunk(COptimalBiasDulo& codec, const MERTAX_FilterData& filterData,
     if (IsDuloDebugEnabled())
         std::cout << "MERTAX expanded to " << dataWritten << " bytes" << std::endl;
 
-    // Anything but the exact chunk size is a damaged chunk; the codec has said why.
+    // Anything but the exact chunk size is a damaged chunk; the codec has printed why, and HDF5's
+    // error stack gets it too.
     if (expanded != nbytes) {
+        PushHdf5Error(FILTER, EHdf5Error::FILTER,
+                      "MERTAX cannot expand the chunk: " + DescribeExpansionShortfall(expanded, nbytes));
         std::free(outBuffer);
         return 0;
     }
@@ -53,6 +61,16 @@ size_t ExpandChunk(COptimalBiasDulo& codec, const MERTAX_FilterData& filterData,
     *buf = outBuffer;
     *buf_size = nbytes;
     return dataWritten;
+}
+
+std::string CompressFailureReason(uint32_t cellBytes, size_t bytes)
+{
+    if (cellBytes != 1 && cellBytes != 2 && cellBytes != 4 && cellBytes != 8)
+        return JoinText("MERTAX compress unsuccessful: cellBytes must be 1, 2, 4 or 8, not ", cellBytes);
+    if (bytes == 0 || bytes % cellBytes != 0)
+        return JoinText("MERTAX compress unsuccessful: a chunk of ", bytes, " bytes is not a whole number of ",
+                        cellBytes, "-byte cells");
+    return "MERTAX compress unsuccessful";
 }
 
 size_t CompressChunk(COptimalBiasDulo& codec, const MERTAX_FilterData& filterData, size_t numOfbytes,
@@ -68,7 +86,8 @@ size_t CompressChunk(COptimalBiasDulo& codec, const MERTAX_FilterData& filterDat
     const uint32_t outDataSize = uint32_t(codec.GetWorstCaseCmpBufSize(cellBytes, bytesToDo));
     uint8_t* outBuffer = static_cast<uint8_t*>(std::malloc(outDataSize));
     if (outBuffer == nullptr) {
-        ReportFailure(std::cerr, "MERTAX filter unable to malloc ", outDataSize, " bytes for data compression");
+        ReportPluginFailure(std::cerr, FILTER, EHdf5Error::FILTER, "MERTAX filter unable to malloc ", outDataSize,
+                            " bytes for data compression");
         return 0;
     }
     codec.SetCompressLevel(filterData.GetCompressLevel());
@@ -76,6 +95,7 @@ size_t CompressChunk(COptimalBiasDulo& codec, const MERTAX_FilterData& filterDat
     const uint32_t dataWritten = uint32_t(codec.Compress(*buf, bytesToDo, cellBytes, outBuffer, outDataSize));
     if (dataWritten == 0) {
         ReportFailure(std::cerr, "Error: MERTAX compress unsuccessful ");
+        PushHdf5Error(FILTER, EHdf5Error::FILTER, CompressFailureReason(cellBytes, bytesToDo));
         std::free(outBuffer);
         return 0;
     }
@@ -93,6 +113,7 @@ size_t H5Z_filter_dulo(unsigned int flags, size_t cd_nelmts, const unsigned int 
 {
     // Client data that is missing or of another encode version leaves every parameter 0: expansion
     // then uses HDF5's buffer size and compression fails on the cell size.
+    BindHdf5(__builtin_return_address(0));
     MERTAX_FilterConfig config;
     MERTAX_FilterData filterData;
     config.SetEncodedData(cd_values, unsigned(std::min(cd_nelmts, MERTAX_FilterConfig::ENCODED_LENGTH)));

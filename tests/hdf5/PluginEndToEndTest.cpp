@@ -227,28 +227,102 @@ TEST_F(PluginEndToEnd, DamagedChunkFailsTheReadAndTheRestStaysReadable)
     }
 }
 
-// A chunk that the filter cannot compress (cell size 3) fails the write. HDF5 1.10 reports it only
-// when the chunk is flushed and may not survive further use of the file, so a child process
-// does the writing; this process only checks what it printed and carries on.
-void WriteWithUnusableCellSize(const std::string& path)
+// Collects the descriptions on HDF5's error stack whenever an API call fails, innermost first, one
+// per line: HDF5 calls the automatic handler at the failure, before later calls clear the stack.
+class CErrorStackCapture
 {
-    H5Eset_auto2(H5E_DEFAULT, nullptr, nullptr);
-    CHid file = CreateFile(path);
-    CHid dataset = CreateFilteredDataset(file, "bad", 1, {999}, {999}, {1, 1, 0, 0, 3, 4});
-    const std::vector<uint8_t> data(999, 7);
-    const bool failed = WriteAll(dataset, 1, data) < 0 || dataset.Close() < 0 || file.Close() < 0;
-    std::exit(failed ? 0 : 1);
+public:
+    CErrorStackCapture() { H5Eset_auto2(H5E_DEFAULT, &CErrorStackCapture::Collect, &m_text); }
+    ~CErrorStackCapture() { H5Eset_auto2(H5E_DEFAULT, nullptr, nullptr); }
+    const std::string& Text() const { return m_text; }
+
+private:
+    static herr_t Collect(hid_t stack, void* pText)
+    {
+        return H5Ewalk2(
+            stack, H5E_WALK_UPWARD,
+            [](unsigned, const H5E_error2_t* e, void* p) -> herr_t {
+                *static_cast<std::string*>(p) += std::string(e->desc ? e->desc : "") + "\n";
+                return 0;
+            },
+            pText);
+    }
+    std::string m_text;
+};
+
+TEST_F(PluginEndToEnd, UnusableCellSizeIsRefusedAtCreationOnTheErrorStack)
+{
+    CHid file = CreateFile(m_path);
+    struct Case
+    {
+        size_t typeBytes;
+        unsigned cellBytes;
+        hsize_t chunk;
+        const char* message;
+    } cases[] = {
+        {1, 3, 999, "MERTAX filter cellBytes must be 1, 2, 4 or 8, not 3"},
+        {4, 16, 100, "MERTAX filter cellBytes must be 1, 2, 4 or 8, not 16"},
+        {1, 8, 999, "MERTAX filter cellBytes 8 does not divide the chunk's 999 bytes"},
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.message);
+        CErrorStackCapture errors;
+        CCapturedStream out(std::cout);
+        CHid dataset = CreateFilteredDataset(file, "bad" + std::to_string(c.cellBytes), c.typeBytes, {c.chunk},
+                                             {c.chunk}, {1, 1, 0, 0, c.cellBytes, 4});
+        EXPECT_FALSE(dataset.Valid());
+        EXPECT_EQ(out.Text(), std::string(c.message) + "\n");
+        EXPECT_NE(errors.Text().find(c.message), std::string::npos) << errors.Text();
+    }
 }
 
-TEST_F(PluginEndToEnd, FailedWriteIsReportedAndTheWriterSurvivesInAChild)
+TEST_F(PluginEndToEnd, CellSizeZeroTakesTheDatatypeSize)
 {
-    testing::FLAGS_gtest_death_test_style = "threadsafe";
-    EXPECT_EXIT(WriteWithUnusableCellSize(m_path), testing::ExitedWithCode(0), "Error: MERTAX compress unsuccessful");
-
-    // This process can go on using HDF5 and the filter.
     CHid file = CreateFile(m_path);
-    CHid dataset = CreateFilteredDataset(file, "good", 1, {999}, {999}, {1, 1, 0, 0, 1, 4});
-    EXPECT_GE(WriteAll(dataset, 1, std::vector<uint8_t>(999, 7)), 0);
+    for (size_t cellBytes : {1, 2, 4, 8}) {
+        SCOPED_TRACE(cellBytes);
+        const std::vector<uint8_t> data = MakeShapeBytes(EShape::LOW_COUNTS, cellBytes, 3000);
+        const std::string name = "u" + std::to_string(8 * cellBytes);
+        CHid dataset = CreateFilteredDataset(file, name, cellBytes, {3000}, {1000}, {1, 1, 0, 0, 0, 4});
+        ASSERT_TRUE(dataset.Valid());
+        EXPECT_EQ(StoredFilter(dataset).cd,
+                  (std::vector<unsigned>{1, 1, unsigned(1000 * cellBytes), 0, unsigned(cellBytes), 4}));
+        ASSERT_GE(WriteAll(dataset, cellBytes, data), 0);
+        EXPECT_EQ(ReadAll(dataset, cellBytes, data.size()), data);
+    }
+    CCapturedStream out(std::cout);
+    CHid floats(H5Screate_simple(1, std::vector<hsize_t>{10}.data(), nullptr), H5Sclose);
+    CHid dcpl(H5Pcreate(H5P_DATASET_CREATE), H5Pclose);
+    const hsize_t chunk[] = {10};
+    H5Pset_chunk(dcpl, 1, chunk);
+    const unsigned cd[] = {1, 1, 0, 0, 0, 4};
+    H5Pset_filter(dcpl, MERTAX_FILTER_ID, H5Z_FLAG_MANDATORY, 6, cd);
+    CHid longDoubles(H5Dcreate2(file, "ld", H5T_NATIVE_LDOUBLE, floats, H5P_DEFAULT, dcpl, H5P_DEFAULT), H5Dclose);
+    EXPECT_FALSE(longDoubles.Valid());
+    EXPECT_EQ(out.Text(), "MERTAX filter cellBytes must be 1, 2, 4 or 8, not 16\n");
+}
+
+TEST_F(PluginEndToEnd, DamagedChunkSaysWhereOnTheErrorStack)
+{
+    const std::vector<uint8_t> data = MakeShapeBytes(EShape::LOW_COUNTS, 2, 6000);
+    const hsize_t first[] = {0};
+    {
+        CHid file = CreateFile(m_path);
+        CHid dataset = CreateFilteredDataset(file, "sino", 2, {6000}, {6000}, {1, 1, 0, 0, 2, 4});
+        ASSERT_GE(WriteAll(dataset, 2, data), 0);
+        ASSERT_GE(H5Dflush(dataset), 0);
+        std::vector<uint8_t> chunk = ReadRawChunk(dataset, first);
+        chunk.resize(chunk.size() - 4);
+        ASSERT_GE(H5Dwrite_chunk(dataset, H5P_DEFAULT, 0, first, chunk.size(), chunk.data()), 0);
+    }
+    CHid file = OpenFile(m_path);
+    CHid dataset = OpenDataset(file, "sino");
+    CErrorStackCapture errors;
+    CCapturedStream out(std::cout);
+    EXPECT_TRUE(ReadAll(dataset, 2, data.size()).empty());
+    EXPECT_NE(errors.Text().find("MERTAX cannot expand the chunk: damaged data: segment 1 at byte offset "),
+              std::string::npos)
+        << errors.Text();
 }
 
 } // namespace

@@ -1,0 +1,30 @@
+#include "ExpansionFailure.h"
+
+#include <sstream>
+
+namespace {
+
+thread_local CExpansionFailure t_failure;
+
+} // namespace
+
+const CExpansionFailure& LastExpansionFailure() { return t_failure; }
+
+void ClearExpansionFailure() { t_failure = CExpansionFailure(); }
+
+void RecordExpansionFailure(size_t segment, size_t offset, size_t produced, const char* reason)
+{
+    t_failure = {true, segment, offset, produced, reason};
+}
+
+std::string DescribeExpansionShortfall(size_t produced, size_t expected)
+{
+    std::ostringstream text;
+    const CExpansionFailure& f = t_failure;
+    if (f.failed)
+        text << "damaged data: segment " << f.segment << " at byte offset " << f.offset << " " << f.reason
+             << " (after " << f.produced << " of " << expected << " bytes)";
+    else
+        text << "the data expands to " << produced << " bytes, not " << expected;
+    return text.str();
+}
