@@ -5,8 +5,13 @@
 namespace {
 
 thread_local CExpansionFailure t_failure;
+thread_local bool t_quiet = false;
 
 } // namespace
+
+CQuietExpansion::CQuietExpansion() : m_wasQuiet(t_quiet) { t_quiet = true; }
+CQuietExpansion::~CQuietExpansion() { t_quiet = m_wasQuiet; }
+bool ExpansionIsQuiet() { return t_quiet; }
 
 const CExpansionFailure& LastExpansionFailure() { return t_failure; }
 

@@ -19,6 +19,21 @@ const CExpansionFailure& LastExpansionFailure();
 void ClearExpansionFailure();
 void RecordExpansionFailure(size_t segment, size_t offset, size_t produced, const char* reason);
 
+// While one lives, expansions on this thread record their failures without printing the codec's
+// lines: for front ends that report failures in their own way.
+class CQuietExpansion
+{
+public:
+    CQuietExpansion();
+    ~CQuietExpansion();
+    CQuietExpansion(const CQuietExpansion&) = delete;
+    CQuietExpansion& operator=(const CQuietExpansion&) = delete;
+
+private:
+    bool m_wasQuiet;
+};
+bool ExpansionIsQuiet();
+
 // One line for a user: why `produced` bytes came out of the compressed data where `expected`
 // were wanted, with the segment and offset when a segment was at fault.
 std::string DescribeExpansionShortfall(size_t produced, size_t expected);

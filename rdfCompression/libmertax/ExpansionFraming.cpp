@@ -19,13 +19,15 @@ namespace {
 void ReportCorruptData(size_t segment, size_t offset, size_t bytesDone, const char* reason)
 {
     RecordExpansionFailure(segment, offset, bytesDone, reason);
-    ReportFailure(std::cout, "Error: deDULO corrupted data detected after decompress: ", bytesDone, " bytes");
+    if (!ExpansionIsQuiet())
+        ReportFailure(std::cout, "Error: deDULO corrupted data detected after decompress: ", bytesDone, " bytes");
 }
 
 void ReportSegmentFailure(size_t segment, size_t offset, size_t bytesDone)
 {
     RecordExpansionFailure(segment, offset, bytesDone, "does not decode");
-    ReportFailure(std::cout, "Error: deDULO returned: ", "0", " after decompress: ", bytesDone, " bytes");
+    if (!ExpansionIsQuiet())
+        ReportFailure(std::cout, "Error: deDULO returned: ", "0", " after decompress: ", bytesDone, " bytes");
 }
 
 constexpr const char* BAD_LENGTH = "has a length that is too short or runs past the data";

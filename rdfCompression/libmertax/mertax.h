@@ -1,0 +1,51 @@
+/* libmertax: lossless compression of arrays of unsigned integers of 1, 2, 4 or 8 bytes.
+ *
+ * The C interface of the codec. A compressed stream is exactly what the HDF5 filter 32910 stores
+ * for a chunk of the same cells at the same level, so streams move freely between files written
+ * through HDF5 and programs that call these functions. Buffers need no alignment; every call uses
+ * its own codec, so calls from different threads are safe. */
+#ifndef MERTAX_H
+#define MERTAX_H
+
+#include <stddef.h>
+
+#ifdef __cplusplus
+extern "C" {
+#endif
+
+#if defined(__GNUC__)
+#define MERTAX_C_API __attribute__((visibility("default")))
+#else
+#define MERTAX_C_API
+#endif
+
+/* Capacity that always suffices to compress src_size bytes of cells of cell_bytes (1, 2, 4 or 8)
+ * bytes; 0 for another cell size. */
+MERTAX_C_API size_t mertax_compress_bound(size_t cell_bytes, size_t src_size);
+
+/* Compresses src_size bytes of cells of cell_bytes bytes at level 0 to 9 (4 is the default; 16-bit
+ * cells whose values fit in a byte are coded as bytes, as the HDF5 filter does). Returns the
+ * compressed size, or 0 when the cell size is not 1, 2, 4 or 8, src_size is 0 or not a multiple of
+ * it, the level is out of range, or the result does not fit in dst_capacity. Never writes past
+ * dst_capacity, which may be smaller than the bound. */
+MERTAX_C_API size_t mertax_compress(const void* src, size_t src_size, size_t cell_bytes, int level, void* dst,
+                                    size_t dst_capacity);
+
+/* Bytes that the stream expands to (byte segments counted as 16-bit cells when cell_bytes is 2), read
+ * from its segment headers; 0 for a damaged stream or a cell size other than 1, 2, 4 or 8. */
+MERTAX_C_API size_t mertax_decompressed_size(const void* src, size_t src_size, size_t cell_bytes);
+
+/* Expands the whole stream into dst. Returns the bytes written: exactly dst_size when the stream is
+ * whole and expands to dst_size bytes, anything else for damaged data, a wrong size or a bad cell
+ * size. Never writes past dst_size. */
+MERTAX_C_API size_t mertax_decompress(const void* src, size_t src_size, size_t cell_bytes, void* dst,
+                                      size_t dst_size);
+
+/* The library's version, "major.minor.patch". */
+MERTAX_C_API const char* mertax_version(void);
+
+#ifdef __cplusplus
+}
+#endif
+
+#endif

@@ -1,0 +1,117 @@
+/* The C interface, compiled as C against the installed header and library. Checks each cell size
+ * and levels 0, 4 and 9 against the HDF5 filter's bytes for the same chunk, the size function, and
+ * that damaged streams and short buffers give other results without writing outside buffers. */
+#include <mertax.h>
+
+#include <stdint.h>
+#include <stdio.h>
+#include <stdlib.h>
+#include <string.h>
+
+/* The filter function, exported by the same library with C linkage; it needs no HDF5 to run. */
+size_t H5Z_filter_dulo(unsigned int flags, size_t cd_nelmts, const unsigned int cd_values[], size_t nbytes,
+                       size_t* buf_size, void** buf);
+
+static int failures = 0;
+
+#define CHECK(cond, ...)                                                                                      \
+    do {                                                                                                      \
+        if (!(cond)) {                                                                                        \
+            fprintf(stderr, "%s:%d: %s: ", __FILE__, __LINE__, #cond);                                        \
+            fprintf(stderr, __VA_ARGS__);                                                                     \
+            fputc('\n', stderr);                                                                              \
+            ++failures;                                                                                       \
+        }                                                                                                     \
+    } while (0)
+
+/* Low counts with rare large values, as detector data has them. */
+static void FillCells(uint8_t* p, size_t bytes, size_t cellBytes, uint64_t seed)
+{
+    uint64_t state = seed * 6364136223846793005ull + 1442695040888963407ull;
+    for (size_t i = 0; i < bytes; i += cellBytes) {
+        state = state * 6364136223846793005ull + 1442695040888963407ull;
+        uint64_t v = (state >> 33) % 7 == 0 ? (state >> 40) % 5 : 0;
+        if ((state >> 20) % 997 == 0)
+            v = state;
+        memcpy(p + i, &v, cellBytes);
+    }
+}
+
+/* The chunk as the filter stores it, in a malloc'ed buffer; *size receives its length. */
+static uint8_t* FilterBytes(const uint8_t* cells, size_t bytes, size_t cellBytes, int level, size_t* size)
+{
+    const unsigned cd[6] = {1, 1, (unsigned)bytes, 0, (unsigned)cellBytes, (unsigned)level};
+    void* buf = malloc(bytes);
+    memcpy(buf, cells, bytes);
+    size_t bufSize = bytes;
+    *size = H5Z_filter_dulo(0, 6, cd, bytes, &bufSize, &buf);
+    return buf;
+}
+
+static void CheckRoundTrip(size_t cellBytes, int level, size_t bytes)
+{
+    uint8_t* cells = malloc(bytes);
+    FillCells(cells, bytes, cellBytes, bytes + cellBytes);
+    const size_t bound = mertax_compress_bound(cellBytes, bytes);
+    uint8_t* cmp = malloc(bound);
+    const size_t cmpSize = mertax_compress(cells, bytes, cellBytes, level, cmp, bound);
+    CHECK(cmpSize > 0 && cmpSize <= bound, "cell %zu level %d: %zu of %zu", cellBytes, level, cmpSize, bound);
+
+    size_t filterSize = 0;
+    uint8_t* filter = FilterBytes(cells, bytes, cellBytes, level, &filterSize);
+    CHECK(filterSize == cmpSize && memcmp(filter, cmp, cmpSize) == 0, "cell %zu level %d: not the filter's bytes",
+          cellBytes, level);
+    free(filter);
+
+    /* Exactly the compressed size suffices; one byte less fails without writing. */
+    uint8_t* exact = malloc(cmpSize);
+    CHECK(mertax_compress(cells, bytes, cellBytes, level, exact, cmpSize) == cmpSize, "exact capacity");
+    CHECK(memcmp(exact, cmp, cmpSize) == 0, "exact capacity bytes");
+    free(exact);
+    uint8_t* small = malloc(cmpSize - 1);
+    CHECK(mertax_compress(cells, bytes, cellBytes, level, small, cmpSize - 1) == 0, "capacity one short");
+    free(small);
+
+    CHECK(mertax_decompressed_size(cmp, cmpSize, cellBytes) == bytes, "size of cell %zu level %d", cellBytes, level);
+    uint8_t* out = malloc(bytes);
+    CHECK(mertax_decompress(cmp, cmpSize, cellBytes, out, bytes) == bytes, "expand cell %zu level %d", cellBytes,
+          level);
+    CHECK(memcmp(out, cells, bytes) == 0, "cells of cell %zu level %d", cellBytes, level);
+
+    /* Damage: cut short, a wrong length field, output one byte short, extra bytes after the stream. */
+    CHECK(mertax_decompress(cmp, cmpSize - 4, cellBytes, out, bytes) != bytes, "truncated stream");
+    CHECK(mertax_decompressed_size(cmp, cmpSize - 4, cellBytes) == 0, "size of truncated stream");
+    uint8_t* bad = malloc(cmpSize);
+    memcpy(bad, cmp, cmpSize);
+    bad[3] ^= 0x80;
+    CHECK(mertax_decompress(bad, cmpSize, cellBytes, out, bytes) != bytes, "length field flipped");
+    free(bad);
+    uint8_t* shortOut = malloc(bytes - 1);
+    CHECK(mertax_decompress(cmp, cmpSize, cellBytes, shortOut, bytes - 1) != bytes - 1, "output one short");
+    free(shortOut);
+    free(out);
+    free(cmp);
+    free(cells);
+}
+
+int main(void)
+{
+    const size_t cellSizes[] = {1, 2, 4, 8};
+    const int levels[] = {0, 4, 9};
+    for (size_t c = 0; c < 4; ++c)
+        for (size_t l = 0; l < 3; ++l) {
+            CheckRoundTrip(cellSizes[c], levels[l], 3 * 4096 + 8 * 125);
+            CheckRoundTrip(cellSizes[c], levels[l], 40);
+        }
+
+    uint8_t cells[64] = {0}, cmp[256];
+    CHECK(mertax_compress(cells, sizeof cells, 3, 4, cmp, sizeof cmp) == 0, "cell size 3");
+    CHECK(mertax_compress(cells, 63, 2, 4, cmp, sizeof cmp) == 0, "partial cell");
+    CHECK(mertax_compress(cells, sizeof cells, 1, 10, cmp, sizeof cmp) == 0, "level 10");
+    CHECK(mertax_compress(cells, sizeof cells, 1, -1, cmp, sizeof cmp) == 0, "level -1");
+    CHECK(mertax_compress_bound(3, 64) == 0, "bound of cell size 3");
+    CHECK(strlen(mertax_version()) >= 5, "version %s", mertax_version());
+    if (failures == 0)
+        printf("C interface %s: all checks passed\n", mertax_version());
+    return failures == 0 ? 0 : 1;
+}
