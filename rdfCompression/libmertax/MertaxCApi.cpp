@@ -66,17 +66,10 @@ size_t mertax_decompressed_size(const void* src, size_t src_size, size_t cell_by
 {
     if (!IsCellSize(cell_bytes) || src == nullptr)
         return 0;
-    const uint8_t* pCmp = static_cast<const uint8_t*>(src);
-    size_t total = 0;
-    for (size_t pos = 0; pos < src_size;) {
-        const size_t length = CheckedSegmentLength(pCmp + pos, src_size - pos);
-        if (length == 0)
-            return 0;
-        const bool widened = cell_bytes == 2 && ReadSegmentHeader(pCmp + pos).byteMode == COptimalBiasDulo::BYTE_MODE;
-        total += SegmentDataSize(pCmp + pos) * (widened ? 2 : 1);
-        pos += length;
-    }
-    return total;
+    const CStreamWalk walk = WalkStream(static_cast<const uint8_t*>(src), src_size);
+    if (!walk.whole)
+        return 0;
+    return walk.dataBytes + (cell_bytes == 2 ? walk.byteSegmentBytes : 0);
 }
 
 size_t mertax_decompress(const void* src, size_t src_size, size_t cell_bytes, void* dst, size_t dst_size)

@@ -38,6 +38,27 @@ size_t SegmentDataSize(const uint8_t* pSeg)
     return ReadSegmentHeader(pSeg).stdSegSize ? COptimalBiasDulo::STD_SEGSIZE : LoadLE<uint16_t>(pSeg + 4);
 }
 
+CStreamWalk WalkStream(const uint8_t* pCmp, size_t size)
+{
+    CStreamWalk walk;
+    for (size_t pos = 0; pos < size; ++walk.segments) {
+        const size_t length = CheckedSegmentLength(pCmp + pos, size - pos);
+        if (length == 0) {
+            walk.whole = false;
+            walk.badOffset = pos;
+            break;
+        }
+        const size_t bytes = SegmentDataSize(pCmp + pos);
+        const unsigned mode = ReadSegmentHeader(pCmp + pos).byteMode;
+        walk.dataBytes += bytes;
+        if (mode == COptimalBiasDulo::BYTE_MODE)
+            walk.byteSegmentBytes += bytes;
+        walk.shortSegments |= mode == COptimalBiasDulo::SHORT_MODE;
+        pos += length;
+    }
+    return walk;
+}
+
 bool COptimalBiasDulo::SegmentSizeAllowed(uint16_t segSize) const
 {
     const size_t limit = m_reduceWordSize ? MAX_SEGMENT_DATA : STD_SEGSIZE;

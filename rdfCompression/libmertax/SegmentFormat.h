@@ -44,6 +44,18 @@ size_t CheckedSegmentLength(const uint8_t* pSeg, size_t available);
 // header states them: STD_SEGSIZE for a standard segment, else its segSize field.
 size_t SegmentDataSize(const uint8_t* pSeg);
 
+// What the segment headers of a compressed stream say, read without decoding any segment.
+struct CStreamWalk
+{
+    bool whole = true;           // every segment's length is sound and the last one ends the data
+    size_t segments = 0;         // segments read (up to the damaged one)
+    size_t badOffset = 0;        // where the damaged segment starts, when not whole
+    size_t dataBytes = 0;        // uncompressed bytes, byte segments counted as bytes
+    size_t byteSegmentBytes = 0; // of which in byte segments (widened to 16-bit cells on request)
+    bool shortSegments = false;  // some segment holds 16-bit cells
+};
+CStreamWalk WalkStream(const uint8_t* pCmp, size_t size);
+
 // The fields of one segment of T values, with the offsets of its pieces from the segment's start.
 template <typename T>
 struct CSegmentFields

@@ -1,0 +1,150 @@
+// The compiled half of the Python package: the codec's C interface over Python buffers, with the
+// GIL released while the codec runs and failures raised as ValueError with their reason.
+#include "ExpansionFailure.h"
+#include "SegmentFormat.h"
+#include "OptimalBiasDulo.h"
+#include "mertax.h"
+
+#include <pybind11/pybind11.h>
+
+#include <sstream>
+#include <string>
+
+namespace py = pybind11;
+
+namespace {
+
+bool IsCellSize(size_t cellBytes)
+{
+    return cellBytes == 1 || cellBytes == 2 || cellBytes == 4 || cellBytes == 8;
+}
+
+void CheckCellSize(size_t cellBytes)
+{
+    if (!IsCellSize(cellBytes))
+        throw py::value_error("cell size must be 1, 2, 4 or 8 bytes, not " + std::to_string(cellBytes));
+}
+
+// A C-contiguous view of any buffer, in bytes.
+struct CBytes
+{
+    explicit CBytes(const py::buffer& buffer, bool writable = false)
+        : m_info(buffer.request(writable)), m_size(size_t(m_info.size) * size_t(m_info.itemsize))
+    {
+        if (!IsCContiguous())
+            throw py::value_error("the buffer must be C-contiguous");
+    }
+    bool IsCContiguous() const
+    {
+        py::ssize_t stride = m_info.itemsize;
+        for (py::ssize_t d = m_info.ndim; d-- > 0;) {
+            if (m_info.shape[size_t(d)] > 1 && m_info.strides[size_t(d)] != stride)
+                return false;
+            stride *= m_info.shape[size_t(d)];
+        }
+        return true;
+    }
+    void* Data() const { return m_info.ptr; }
+    size_t Size() const { return m_size; }
+
+private:
+    py::buffer_info m_info;
+    size_t m_size;
+};
+
+// reduce: 16-bit cells whose values fit in a byte are coded as bytes, as the HDF5 filter does;
+// without it every segment records the cells' true width.
+py::bytes Compress(const py::buffer& data, size_t cellBytes, int level, bool reduce)
+{
+    CheckCellSize(cellBytes);
+    if (level < 0 || level > 9)
+        throw py::value_error("level must be 0 to 9, not " + std::to_string(level));
+    const CBytes in(data);
+    if (in.Size() % cellBytes != 0)
+        throw py::value_error("the data's " + std::to_string(in.Size()) + " bytes are not a whole number of " +
+                              std::to_string(cellBytes) + "-byte cells");
+    if (in.Size() == 0)
+        return py::bytes();
+    std::string out(mertax_compress_bound(cellBytes, in.Size()), '\0');
+    size_t size;
+    {
+        py::gil_scoped_release release;
+        if (reduce || cellBytes != 2) {
+            size = mertax_compress(in.Data(), in.Size(), cellBytes, level, &out[0], out.size());
+        } else {
+            COptimalBiasDulo codec;
+            codec.SetCompressLevel(size_t(level));
+            size = codec.Compress(in.Data(), in.Size(), cellBytes, reinterpret_cast<uint8_t*>(&out[0]), out.size());
+        }
+    }
+    if (size == 0)
+        throw py::value_error("the codec could not compress the data");
+    out.resize(size);
+    return py::bytes(out);
+}
+
+std::string DamagedHeaders(const CStreamWalk& walk)
+{
+    std::ostringstream text;
+    text << "damaged data: segment " << walk.segments << " at byte offset " << walk.badOffset
+         << " has a length that is too short or runs past the data";
+    return text.str();
+}
+
+size_t ExpandedSize(const py::buffer& data, size_t cellBytes)
+{
+    CheckCellSize(cellBytes);
+    const CBytes in(data);
+    const CStreamWalk walk = WalkStream(static_cast<const uint8_t*>(in.Data()), in.Size());
+    if (!walk.whole)
+        throw py::value_error(DamagedHeaders(walk));
+    return walk.dataBytes + (cellBytes == 2 ? walk.byteSegmentBytes : 0);
+}
+
+void DecompressInto(const py::buffer& data, size_t cellBytes, const py::buffer& out)
+{
+    CheckCellSize(cellBytes);
+    const CBytes in(data);
+    const CBytes dst(out, true);
+    if (dst.Size() == 0 && in.Size() == 0)
+        return;
+    const size_t expected = ExpandedSize(data, cellBytes);
+    if (expected != dst.Size())
+        throw py::value_error("the data expands to " + std::to_string(expected) + " bytes, not " +
+                              std::to_string(dst.Size()));
+    size_t produced;
+    std::string reason;
+    {
+        py::gil_scoped_release release;
+        produced = mertax_decompress(in.Data(), in.Size(), cellBytes, dst.Data(), dst.Size());
+        // The failure record belongs to this thread; read it before taking the GIL back.
+        if (produced != dst.Size())
+            reason = DescribeExpansionShortfall(produced, dst.Size());
+    }
+    if (produced != dst.Size())
+        throw py::value_error(reason);
+}
+
+// The cell size to expand a stream written without word-size reduction with: 2 when it has 16-bit
+// segments (so that any byte segment is widened), else 1 (byte segments stay bytes; wider ones
+// expand to their own width either way).
+size_t StreamCellHint(const py::buffer& data)
+{
+    const CBytes in(data);
+    const CStreamWalk walk = WalkStream(static_cast<const uint8_t*>(in.Data()), in.Size());
+    if (!walk.whole)
+        throw py::value_error(DamagedHeaders(walk));
+    return walk.shortSegments ? 2 : 1;
+}
+
+} // namespace
+
+PYBIND11_MODULE(_mertax, m)
+{
+    m.doc() = "libmertax codec over Python buffers (use the mertax package)";
+    m.def("compress", &Compress, py::arg("data"), py::arg("cell_bytes"), py::arg("level"), py::arg("reduce") = true);
+    m.def("expanded_size", &ExpandedSize, py::arg("data"), py::arg("cell_bytes"));
+    m.def("decompress_into", &DecompressInto, py::arg("data"), py::arg("cell_bytes"), py::arg("out"));
+    m.def("stream_cell_hint", &StreamCellHint, py::arg("data"));
+    m.def("version", &mertax_version);
+}
