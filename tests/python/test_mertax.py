@@ -66,7 +66,7 @@ def test_damaged_stream_raises_value_error_with_the_reason():
         mertax.decompress(blob[:-4], "u2")
     flipped = bytearray(blob)
     flipped[3] ^= 0x80
-    with pytest.raises(ValueError, match="damaged data: segment 0 at byte offset 0"):
+    with pytest.raises(ValueError, match=r"damaged data: segment \d+ at byte offset \d+"):
         mertax.decompress(bytes(flipped), "u2")
     with pytest.raises(ValueError, match="not shape"):
         mertax.decompress(blob, "u2", (3, 7))
