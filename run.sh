@@ -7,6 +7,8 @@
 #                            against other compressors and HDF5 filters (also as CSV)
 #   ./run.sh fuzz [SECONDS]  build the fuzz targets with clang, ASan and UBSan, and run each for
 #                            SECONDS (default 60), starting from the saved corpus
+#   ./run.sh package         build the Debian package (build-package/libmertax_*.deb) and, as root,
+#                            install it, use it and remove it
 set -euo pipefail
 cd "$(dirname "$0")"
 
@@ -75,6 +77,20 @@ run_demo() {
     HDF5_PLUGIN_PATH="$PWD/build/plugin" ./build/tools/mertax_demo "$PWD/build/demo/mertax_demo.h5"
 }
 
+run_package() {
+    PACKAGES+=(dpkg-dev file)
+    ensure_packages
+    configure_and_build build-package -DCMAKE_BUILD_TYPE=Release -DCMAKE_INSTALL_PREFIX=/usr \
+        -DMERTAX_BUILD_TESTS=OFF -DMERTAX_BUILD_BENCH=OFF
+    rm -f build-package/libmertax_*.deb
+    (cd build-package && cpack -G DEB >cpack.log 2>&1) || { cat build-package/cpack.log; return 1; }
+    local deb
+    deb=$(ls build-package/libmertax_*.deb)
+    echo "== Built $deb"
+    dpkg-deb -c "$deb" | awk '{print $6}' | grep -v '/$'
+    bash tests/package/check_deb.sh "$deb"
+}
+
 run_fuzz() {
     local seconds=${1:-60} target status=0
     PACKAGES+=(clang)
@@ -106,8 +122,9 @@ bench)
     shift
     run_bench "$@"
     ;;
+package) run_package ;;
 *)
-    echo "usage: $0 test | demo | bench [--quick] | fuzz [SECONDS]" >&2
+    echo "usage: $0 test | demo | bench [--quick] | fuzz [SECONDS] | package" >&2
     exit 2
     ;;
 esac
