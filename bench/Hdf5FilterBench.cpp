@@ -6,6 +6,7 @@
 //
 //   hdf5_filter_bench <scratch.h5> [--quick] [--csv FILE]
 #include "BenchReport.h"
+#include "FilterCatalog.h"
 #include "SampleData.h"
 
 #include <hdf5.h>
@@ -17,55 +18,12 @@ namespace {
 
 constexpr size_t CHUNK_BYTES = 1 << 20;
 
-struct SFilterChoice
-{
-    std::string name;
-    std::vector<H5Z_filter_t> needs;               // filters that must be available
-    std::function<void(hid_t dcpl, size_t cellSize)> apply;
-};
-
 std::vector<SFilterChoice> FilterChoices()
 {
-    return {
-        {"no filter", {}, [](hid_t, size_t) {}},
-        {"mertax level 4", {32910},
-         [](hid_t dcpl, size_t cell) {
-             const unsigned cd[] = {1, 1, 0, 0, unsigned(cell), 4};
-             H5Pset_filter(dcpl, 32910, H5Z_FLAG_MANDATORY, 6, cd);
-         }},
-        {"gzip 4", {H5Z_FILTER_DEFLATE}, [](hid_t dcpl, size_t) { H5Pset_deflate(dcpl, 4); }},
-        {"shuffle+gzip 4", {H5Z_FILTER_SHUFFLE, H5Z_FILTER_DEFLATE},
-         [](hid_t dcpl, size_t) { H5Pset_shuffle(dcpl), H5Pset_deflate(dcpl, 4); }},
-        {"szip", {H5Z_FILTER_SZIP}, [](hid_t dcpl, size_t) { H5Pset_szip(dcpl, H5_SZIP_NN_OPTION_MASK, 32); }},
-        {"lz4 plugin", {32004}, [](hid_t dcpl, size_t) { H5Pset_filter(dcpl, 32004, H5Z_FLAG_MANDATORY, 0, nullptr); }},
-        {"blosc lz4+bitshuffle plugin", {32001},
-         [](hid_t dcpl, size_t) {
-             const unsigned cd[] = {0, 0, 0, 0, 5, 2, 1}; // level 5, bit shuffle, LZ4
-             H5Pset_filter(dcpl, 32001, H5Z_FLAG_MANDATORY, 7, cd);
-         }},
-        {"bitshuffle+lz4 plugin", {32008},
-         [](hid_t dcpl, size_t) {
-             const unsigned cd[] = {0, 2}; // automatic block size, LZ4; the plugin prepends its own words
-             H5Pset_filter(dcpl, 32008, H5Z_FLAG_MANDATORY, 2, cd);
-         }},
-    };
-}
-
-bool Available(const SFilterChoice& f)
-{
-    for (H5Z_filter_t id : f.needs) {
-        unsigned info = 0;
-        if (H5Zfilter_avail(id) <= 0 || H5Zget_filter_info(id, &info) < 0 ||
-            !(info & H5Z_FILTER_CONFIG_ENCODE_ENABLED) || !(info & H5Z_FILTER_CONFIG_DECODE_ENABLED))
-            return false;
-    }
-    return true;
-}
-
-hid_t CellType(size_t cellSize)
-{
-    return cellSize == 1 ? H5T_NATIVE_UINT8 : cellSize == 2 ? H5T_NATIVE_UINT16 : cellSize == 4 ? H5T_NATIVE_UINT32
-                                                                                                  : H5T_NATIVE_UINT64;
+    std::vector<SFilterChoice> choices = {{"no filter", {}, [](hid_t, size_t) {}}, MertaxChoice(4)};
+    for (SFilterChoice& other : OtherFilterChoices())
+        choices.push_back(std::move(other));
+    return choices;
 }
 
 struct SMeasure

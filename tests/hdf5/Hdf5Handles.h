@@ -2,6 +2,8 @@
 // HDF5 only: the filter comes in as a plugin, found through HDF5_PLUGIN_PATH.
 #pragma once
 
+#include "Hdf5Handle.h"
+
 #include <hdf5.h>
 
 #include <string>
@@ -9,24 +11,6 @@
 #include <vector>
 
 constexpr H5Z_filter_t MERTAX_FILTER_ID = 32910;
-
-// Closes the identifier with the matching H5?close when it goes out of scope.
-class CHid
-{
-public:
-    CHid(hid_t id, herr_t (*close)(hid_t)) : m_id(id), m_close(close) {}
-    CHid(CHid&& other) noexcept : m_id(std::exchange(other.m_id, H5I_INVALID_HID)), m_close(other.m_close) {}
-    CHid(const CHid&) = delete;
-    CHid& operator=(const CHid&) = delete;
-    ~CHid() { Close(); }
-    herr_t Close() { return m_id >= 0 ? m_close(std::exchange(m_id, H5I_INVALID_HID)) : 0; }
-    operator hid_t() const { return m_id; }
-    bool Valid() const { return m_id >= 0; }
-
-private:
-    hid_t m_id;
-    herr_t (*m_close)(hid_t);
-};
 
 inline CHid CreateFile(const std::string& path)
 {

@@ -1,0 +1,136 @@
+"""The mertax command-line tool, run as users run it. MERTAX_TOOL names the program; the plugin
+comes through HDF5_PLUGIN_PATH."""
+import json
+import os
+import subprocess
+
+import h5py
+import numpy as np
+import pytest
+
+TOOL = os.environ["MERTAX_TOOL"]
+CELLS = {1: "u1", 2: "u2", 4: "u4", 8: "u8"}
+
+
+def run(*args, stdin=None):
+    return subprocess.run([TOOL, *map(str, args)], input=stdin, capture_output=True)
+
+
+def detector_like(dtype, count, seed=5):
+    data = np.random.default_rng(seed).poisson(0.8, count).astype(dtype)
+    data[::301] = np.iinfo(dtype).max
+    return data
+
+
+def filter_chunk(path, data, level):
+    with h5py.File(path, "w") as f:
+        d = f.create_dataset("d", data=data, chunks=data.shape, compression=32910,
+                             compression_opts=(1, 1, 0, 0, data.itemsize, level))
+        return bytes(d.id.read_direct_chunk((0,))[1])
+
+
+@pytest.mark.parametrize("cell", CELLS)
+@pytest.mark.parametrize("level", (0, 4, 9))
+def test_compress_gives_the_filters_bytes_and_expand_gives_the_cells_back(tmp_path, cell, level):
+    data = detector_like(CELLS[cell], 30011)
+    raw, cmp, back = tmp_path / "in.raw", tmp_path / "out.mtx", tmp_path / "back.raw"
+    data.tofile(raw)
+    assert run("compress", "--cell", cell, "--level", level, raw, cmp).returncode == 0
+    assert cmp.read_bytes() == filter_chunk(tmp_path / "f.h5", data, level)
+    assert run("expand", "--cell", cell, cmp, back).returncode == 0
+    assert back.read_bytes() == raw.read_bytes()
+
+
+def test_standard_input_and_output():
+    data = detector_like("u2", 5000).tobytes()
+    compressed = run("compress", "--cell", 2, "-", "-", stdin=data)
+    assert compressed.returncode == 0 and 0 < len(compressed.stdout) < len(data)
+    expanded = run("expand", "--cell", 2, "-", "-", stdin=compressed.stdout)
+    assert expanded.returncode == 0 and expanded.stdout == data
+
+
+def test_damaged_stream_says_where_and_leaves_nothing(tmp_path):
+    raw, cmp, out = tmp_path / "in.raw", tmp_path / "in.mtx", tmp_path / "out.raw"
+    detector_like("u4", 20000).tofile(raw)
+    assert run("compress", "--cell", 4, raw, cmp).returncode == 0
+    cmp.write_bytes(cmp.read_bytes()[:-8])
+    result = run("expand", "--cell", 4, cmp, out)
+    assert result.returncode == 1
+    message = result.stderr.decode()
+    assert message.count("\n") == 1 and "segment" in message and "byte offset" in message
+    assert sorted(tmp_path.iterdir()) == sorted([raw, cmp])
+
+
+@pytest.mark.parametrize("args", [
+    ("compress", "--cell", 3, "a", "b"),
+    ("expand", "--cell", 2, "/no/such/file", "b"),
+    ("inspect", "/no/such/file.h5"),
+    ("bench", "--raw", "x"),
+    ("frobnicate",),
+])
+def test_bad_usage_is_one_line_and_status_2(args):
+    result = run(*args)
+    assert result.returncode == 2
+    assert result.stderr.decode().count("\n") == 1, result.stderr
+
+
+def test_help_for_the_program_and_each_verb():
+    for verb in ((), ("compress",), ("expand",), ("inspect",), ("bench",)):
+        result = run(*verb, "--help")
+        assert result.returncode == 0 and b"Usage" in result.stdout
+
+
+@pytest.fixture
+def h5file(tmp_path):
+    path = tmp_path / "data.h5"
+    with h5py.File(path, "w") as f:
+        for cell, dtype in CELLS.items():
+            f.create_dataset(f"counts{8 * cell}", data=detector_like(dtype, (40, 1000)), chunks=(20, 1000),
+                             compression=32910, compression_opts=(1, 1, 0, 0, 0, 4))
+        f.create_dataset("unfiltered", data=np.arange(10))
+    return path
+
+
+def test_inspect_shows_every_filtered_dataset(h5file):
+    result = run("inspect", h5file, "--chunks")
+    assert result.returncode == 0
+    text = result.stdout.decode()
+    for cell in CELLS:
+        assert f"/counts{8 * cell}: uint{8 * cell} [40, 1000], chunks [20, 1000]" in text
+        assert f"bufferSize {20000 * cell}, flags 0x00000000, cellBytes {cell}, compressLevel 4" in text
+    assert "unfiltered" not in text
+    assert text.count("  chunk [") == 8
+
+
+def test_inspect_segments_as_json_add_up(h5file):
+    result = run("inspect", h5file, "/counts16", "--segments", "--json")
+    assert result.returncode == 0
+    (dataset,) = json.loads(result.stdout)["datasets"]
+    segments = [s for c in dataset["chunks"] for s in c["segments"]]
+    assert sum(s["length"] for s in segments) == dataset["stored_bytes"]
+    totals = dataset["segment_totals"]
+    assert totals["segments"] == len(segments)
+    assert totals["stream_bytes"] == sum(s["stream_bytes"] for s in segments)
+    assert all(s["cells"] in ("8-bit", "16-bit") for s in segments)
+
+
+def test_inspect_reports_a_damaged_chunk_and_goes_on(h5file):
+    with h5py.File(h5file, "r+") as f:
+        d = f["counts32"]
+        _, chunk = d.id.read_direct_chunk((0, 0))
+        d.id.write_direct_chunk((0, 0), chunk[:-8])
+    result = run("inspect", h5file)
+    assert result.returncode == 1
+    assert "chunk [0, 0] is damaged" in result.stdout.decode()
+    assert "/counts64" in result.stdout.decode()
+    assert run("inspect", h5file, "/missing").returncode == 2
+
+
+def test_bench_compares_filters_on_raw_data(tmp_path):
+    raw = tmp_path / "counts.raw"
+    detector_like("u2", 200000).tofile(raw)
+    result = run("bench", "--raw", raw, "--cell", 2, "--repeat", 1)
+    assert result.returncode == 0, result.stderr
+    text = result.stdout.decode()
+    assert "mertax level 0" in text and "mertax level 9" in text and "recommended:" in text
+    assert not list(tmp_path.glob("*.h5"))
