@@ -119,7 +119,8 @@ void DecompressInto(const py::buffer& data, size_t cellBytes, const py::buffer& 
         produced = mertax_decompress(in.Data(), in.Size(), cellBytes, dst.Data(), dst.Size());
         // The failure record belongs to this thread; read it before taking the GIL back.
         if (produced != dst.Size())
-            reason = DescribeExpansionShortfall(produced, dst.Size());
+            reason = DescribeExpansionShortfall(static_cast<const uint8_t*>(in.Data()), in.Size(), cellBytes,
+                                                produced, dst.Size());
     }
     if (produced != dst.Size())
         throw py::value_error(reason);

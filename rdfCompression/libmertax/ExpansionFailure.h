@@ -4,6 +4,7 @@
 #pragma once
 
 #include <cstddef>
+#include <cstdint>
 #include <string>
 
 struct CExpansionFailure
@@ -34,6 +35,7 @@ private:
 };
 bool ExpansionIsQuiet();
 
-// One line for a user: why `produced` bytes came out of the compressed data where `expected`
-// were wanted, with the segment and offset when a segment was at fault.
-std::string DescribeExpansionShortfall(size_t produced, size_t expected);
+// One line for a user: why `produced` bytes came out of the cmpSize bytes at pCmp (expanded with
+// cellBytes) where `expected` were wanted, with the segment and offset when a segment is at fault.
+std::string DescribeExpansionShortfall(const uint8_t* pCmp, size_t cmpSize, size_t cellBytes, size_t produced,
+                                       size_t expected);

@@ -53,7 +53,9 @@ size_t ExpandChunk(COptimalBiasDulo& codec, const MERTAX_FilterData& filterData,
     // error stack gets it too.
     if (expanded != nbytes) {
         PushHdf5Error(FILTER, EHdf5Error::FILTER,
-                      "MERTAX cannot expand the chunk: " + DescribeExpansionShortfall(expanded, nbytes));
+                      "MERTAX cannot expand the chunk: " +
+                          DescribeExpansionShortfall(static_cast<const uint8_t*>(*buf), numOfbytes,
+                                                     filterData.GetCellBytes(), expanded, nbytes));
         std::free(outBuffer);
         return 0;
     }

@@ -98,7 +98,7 @@ void ExamineChunk(const std::vector<uint8_t>& bytes, const SDataset& d, SChunk& 
     CQuietExpansion quiet;
     const size_t produced = mertax_decompress(bytes.data(), bytes.size(), cellBytes, cells.data(), cells.size());
     if (produced != cells.size())
-        chunk.damage = DescribeExpansionShortfall(produced, cells.size());
+        chunk.damage = DescribeExpansionShortfall(bytes.data(), bytes.size(), cellBytes, produced, cells.size());
 }
 
 SDataset Examine(hid_t file, const std::string& name, bool& usesFilter)

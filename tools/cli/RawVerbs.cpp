@@ -41,7 +41,8 @@ void ExpandRaw(const SRawOptions& o)
         CQuietExpansion quiet;
         const size_t produced = mertax_decompress(cmp.data(), cmp.size(), o.cellBytes, cells.data(), cells.size());
         if (produced != cells.size())
-            throw CCliError(EXIT_BAD_DATA, o.in + " is " + DescribeExpansionShortfall(produced, cells.size()));
+            throw CCliError(EXIT_BAD_DATA, o.in + " is " + DescribeExpansionShortfall(cmp.data(), cmp.size(), o.cellBytes,
+                                                                               produced, cells.size()));
     }
     WriteWhole(o.out, cells);
 }

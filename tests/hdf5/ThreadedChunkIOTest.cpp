@@ -1,0 +1,128 @@
+// Threaded chunk I/O against the filter pipeline: the same chunks byte for byte, whatever the
+// shape, cell size, level and thread count; and its failures reported, never silent.
+#include "Hdf5Handles.h"
+#include "SampleData.h"
+#include "ThreadedChunkIO.h"
+
+#include <gtest/gtest.h>
+
+#include <numeric>
+
+namespace {
+
+class ThreadedChunkIO : public testing::Test
+{
+protected:
+    void SetUp() override
+    {
+        H5Eset_auto2(H5E_DEFAULT, nullptr, nullptr);
+        m_path = testing::TempDir() + "mertax_threaded_" +
+                 testing::UnitTest::GetInstance()->current_test_info()->name() + ".h5";
+    }
+    void TearDown() override { std::remove(m_path.c_str()); }
+    std::string m_path;
+};
+
+std::vector<uint8_t> RawChunk(hid_t dataset, const std::vector<hsize_t>& offset)
+{
+    hsize_t size = 0;
+    H5Dget_chunk_storage_size(dataset, offset.data(), &size);
+    std::vector<uint8_t> chunk(size);
+    uint32_t mask = 0;
+    H5Dread_chunk(dataset, H5P_DEFAULT, offset.data(), &mask, chunk.data());
+    return chunk;
+}
+
+// Every chunk's stored bytes of two datasets of the same shape and chunking.
+void ExpectSameChunks(hid_t a, hid_t b, const std::vector<hsize_t>& dims, const std::vector<hsize_t>& chunk)
+{
+    std::vector<hsize_t> offset(dims.size(), 0);
+    for (;;) {
+        ASSERT_EQ(RawChunk(a, offset), RawChunk(b, offset)) << "chunk at " << offset[0];
+        size_t d = dims.size();
+        while (d-- > 0) {
+            offset[d] += chunk[d];
+            if (offset[d] < dims[d])
+                break;
+            offset[d] = 0;
+        }
+        if (d == size_t(-1))
+            return;
+    }
+}
+
+TEST_F(ThreadedChunkIO, ChunksEqualThePipelinesAndReadBackEverywhere)
+{
+    struct Case
+    {
+        size_t cellBytes;
+        unsigned level;
+        std::vector<hsize_t> dims, chunk;
+    } cases[] = {
+        {2, 4, {45, 700}, {16, 256}},        // partial edge chunks in both dimensions
+        {1, 0, {100000}, {30000}},           // one-dimensional, a partial last chunk
+        {4, 9, {5, 33, 70}, {2, 16, 64}},    // three dimensions
+        {8, 8, {64, 64}, {32, 64}},          // whole chunks only
+        {2, 12, {3000}, {3000}},             // one chunk; a level above 9 codes as 9
+    };
+    CHid file = CreateFile(m_path);
+    int n = 0;
+    for (const Case& c : cases) {
+        const size_t cells = std::accumulate(c.dims.begin(), c.dims.end(), size_t(1), std::multiplies<size_t>());
+        const std::vector<uint8_t> data = MakeShapeBytes(EShape::LOW_COUNTS, c.cellBytes, cells, 7 + n);
+        const std::vector<unsigned> cd = {1, 1, 0, 0, 0, c.level};
+        CHid pipeline = CreateFilteredDataset(file, "pipeline" + std::to_string(n), c.cellBytes, c.dims, c.chunk, cd);
+        ASSERT_GE(WriteAll(pipeline, c.cellBytes, data), 0);
+        for (unsigned threads : {1u, 2u, 7u}) {
+            SCOPED_TRACE(testing::Message() << "case " << n << ", " << threads << " threads");
+            const std::string name = "threaded" + std::to_string(n) + "_" + std::to_string(threads);
+            CHid threaded = CreateFilteredDataset(file, name, c.cellBytes, c.dims, c.chunk, cd);
+            CThreadedChunkIO io(threaded, threads);
+            ASSERT_TRUE(io.Write(data.data())) << io.Error();
+            ExpectSameChunks(threaded, pipeline, c.dims, c.chunk);
+            EXPECT_EQ(ReadAll(threaded, c.cellBytes, data.size()), data);
+            std::vector<uint8_t> back(data.size());
+            ASSERT_TRUE(CThreadedChunkIO(pipeline, threads).Read(back.data()));
+            EXPECT_EQ(back, data);
+        }
+        ++n;
+    }
+}
+
+TEST_F(ThreadedChunkIO, FailuresAreReported)
+{
+    const std::vector<uint8_t> data = MakeShapeBytes(EShape::LOW_COUNTS, 2, 40000);
+    {
+        CHid file = CreateFile(m_path);
+        CHid space(H5Screate_simple(1, std::vector<hsize_t>{40000}.data(), nullptr), H5Sclose);
+        CHid dcpl(H5Pcreate(H5P_DATASET_CREATE), H5Pclose);
+        const hsize_t chunk[] = {10000};
+        H5Pset_chunk(dcpl, 1, chunk);
+        H5Pset_deflate(dcpl, 4);
+        CHid gzip(H5Dcreate2(file, "gzip", H5T_NATIVE_UINT16, space, H5P_DEFAULT, dcpl, H5P_DEFAULT), H5Dclose);
+        CThreadedChunkIO io(gzip, 2);
+        EXPECT_FALSE(io.Valid());
+        EXPECT_FALSE(io.Write(data.data()));
+        EXPECT_EQ(io.Error(), "the dataset is not chunked with filter 32910 as its only filter");
+
+        CHid good = CreateFilteredDataset(file, "good", 2, {40000}, {10000}, {1, 1, 0, 0, 0, 4});
+        ASSERT_TRUE(CThreadedChunkIO(good, 2).Write(data.data()));
+        // A damaged chunk fails the read with where it broke.
+        std::vector<uint8_t> second = RawChunk(good, {10000});
+        second.resize(second.size() - 8);
+        const hsize_t offset[] = {10000};
+        ASSERT_GE(H5Dwrite_chunk(good, H5P_DEFAULT, 0, offset, second.size(), second.data()), 0);
+        std::vector<uint8_t> back(data.size());
+        CThreadedChunkIO reader(good, 3);
+        EXPECT_FALSE(reader.Read(back.data()));
+        EXPECT_NE(reader.Error().find("chunk 1: damaged data: segment"), std::string::npos) << reader.Error();
+    }
+    // A file opened read-only takes no chunk: the first write fails and says so.
+    CHid file(H5Fopen(m_path.c_str(), H5F_ACC_RDONLY, H5P_DEFAULT), H5Fclose);
+    CHid good = OpenDataset(file, "good");
+    CThreadedChunkIO io(good, 2);
+    EXPECT_FALSE(io.Write(data.data()));
+    EXPECT_EQ(io.Error(), "HDF5 could not write chunk 0; chunks 0 to 0 (exclusive) of 4 were written");
+}
+
+} // namespace
