@@ -1,18 +1,21 @@
 // Writing and reading chunked HDF5 datasets (1 MiB chunks) through our plugin and through the
 // filters users would pick instead, where this machine has them: none, gzip, shuffle+gzip, szip,
-// and the LZ4, Blosc and bitshuffle plugins. MB/s are 10^6 uncompressed bytes per second,
-// median of interleaved repetitions, every read checked against what was written. HDF5 finds
-// the plugins through HDF5_PLUGIN_PATH.
+// and the LZ4, Blosc, bitshuffle and Zstd plugins. A second table scales our codec over threads
+// with direct chunk I/O, next to the filter pipeline and bitshuffle+LZ4. MB/s are 10^6
+// uncompressed bytes per second, median of interleaved repetitions, every read checked against
+// what was written. HDF5 finds the plugins through HDF5_PLUGIN_PATH.
 //
 //   hdf5_filter_bench <scratch.h5> [--quick] [--csv FILE]
 #include "BenchReport.h"
 #include "FilterCatalog.h"
+#include "ThreadedChunkIO.h"
 #include "SampleData.h"
 
 #include <hdf5.h>
 
 #include <cstring>
 #include <functional>
+#include <thread>
 
 namespace {
 
@@ -26,6 +29,14 @@ std::vector<SFilterChoice> FilterChoices()
     return choices;
 }
 
+// A filter, through HDF5's filter pipeline (threads 0) or through threaded direct chunk I/O.
+struct SMethod
+{
+    std::string name;
+    SFilterChoice filter;
+    unsigned threads = 0;
+};
+
 struct SMeasure
 {
     std::vector<double> writeSeconds, readSeconds;
@@ -33,7 +44,7 @@ struct SMeasure
 };
 
 // Writes the sample as a fresh file with one dataset, reads it back; false on failure or change.
-bool RunOnce(const std::string& path, const SFilterChoice& filter, const SSampleBuffer& sample,
+bool RunOnce(const std::string& path, const SMethod& method, const SSampleBuffer& sample,
              std::vector<uint8_t>& readBack, SMeasure& m)
 {
     const hsize_t cells = sample.bytes.size() / sample.cellSize;
@@ -45,9 +56,11 @@ bool RunOnce(const std::string& path, const SFilterChoice& filter, const SSample
         const hid_t space = H5Screate_simple(1, &cells, nullptr);
         const hid_t dcpl = H5Pcreate(H5P_DATASET_CREATE);
         H5Pset_chunk(dcpl, 1, &chunk);
-        filter.apply(dcpl, sample.cellSize);
+        method.filter.apply(dcpl, sample.cellSize);
         const hid_t dataset = H5Dcreate2(file, "data", type, space, H5P_DEFAULT, dcpl, H5P_DEFAULT);
-        ok = dataset >= 0 && H5Dwrite(dataset, type, H5S_ALL, H5S_ALL, H5P_DEFAULT, sample.bytes.data()) >= 0;
+        ok = dataset >= 0 &&
+             (method.threads == 0 ? H5Dwrite(dataset, type, H5S_ALL, H5S_ALL, H5P_DEFAULT, sample.bytes.data()) >= 0
+                                  : CThreadedChunkIO(dataset, method.threads).Write(sample.bytes.data()));
         ok = H5Dclose(dataset) >= 0 && ok;
         H5Pclose(dcpl);
         H5Sclose(space);
@@ -57,7 +70,9 @@ bool RunOnce(const std::string& path, const SFilterChoice& filter, const SSample
     std::fill(readBack.begin(), readBack.end(), 0);
     m.readSeconds.push_back(SecondsOf([&] {
         const hid_t dataset = H5Dopen2(reopened, "data", H5P_DEFAULT);
-        ok = ok && dataset >= 0 && H5Dread(dataset, type, H5S_ALL, H5S_ALL, H5P_DEFAULT, readBack.data()) >= 0;
+        ok = ok && dataset >= 0 &&
+             (method.threads == 0 ? H5Dread(dataset, type, H5S_ALL, H5S_ALL, H5P_DEFAULT, readBack.data()) >= 0
+                                  : CThreadedChunkIO(dataset, method.threads).Read(readBack.data()));
         m.storedBytes = H5Dget_storage_size(dataset);
         H5Dclose(dataset);
     }));
@@ -78,10 +93,20 @@ int main(int argc, char** argv)
     const size_t bytes = options.quick ? (4 << 20) : (32 << 20);
     const int repetitions = options.quick ? 3 : 5;
 
-    std::vector<SFilterChoice> filters;
+    std::vector<SMethod> methods;
     std::string missing;
     for (const SFilterChoice& f : FilterChoices())
-        (Available(f) ? (filters.push_back(f), void()) : (missing += " " + f.name + ";", void()));
+        (Available(f) ? (methods.push_back({f.name, f}), void()) : (missing += " " + f.name + ";", void()));
+    // The scaling table: our codec over 1 to all cores, next to the pipeline and bitshuffle+LZ4.
+    std::vector<SMethod> scaling = {{"mertax level 4, filter pipeline", MertaxChoice(4)}};
+    for (const SMethod& m : methods)
+        if (m.name == "bitshuffle+lz4 plugin")
+            scaling.push_back({"bitshuffle+lz4, filter pipeline", m.filter});
+    const unsigned cores = std::max(1u, std::thread::hardware_concurrency());
+    for (unsigned threads = 1; threads <= cores; ++threads)
+        scaling.push_back({"mertax level 4, " + std::to_string(threads) + " thread" + (threads > 1 ? "s" : "") +
+                               ", direct chunk I/O",
+                           MertaxChoice(4), threads});
     std::printf("Through HDF5 (%s), 1 MiB chunks, %zu MiB per data set, median of %d interleaved runs.\n%s\n",
                 H5_VERS_INFO, bytes >> 20, repetitions, MachineLine().c_str());
     if (!missing.empty())
@@ -89,18 +114,23 @@ int main(int argc, char** argv)
     std::printf("\n");
 
     CReportTable table({"data set", "filter", "ratio", "write MB/s", "read MB/s"});
+    CReportTable threads({"data set", "method", "ratio", "write MB/s", "read MB/s"});
     for (EDataSet set : {EDataSet::TOF_SINOGRAM, EDataSet::PROMPTS, EDataSet::SINGLES, EDataSet::IMAGE_8BIT}) {
         const SSampleBuffer sample = MakeDataSet(set, bytes);
-        std::vector<SMeasure> measures(filters.size());
         std::vector<uint8_t> readBack(sample.bytes.size());
-        if (!RunInterleaved(repetitions, filters, sample.name,
-                            [&](size_t f) { return RunOnce(path, filters[f], sample, readBack, measures[f]); }))
-            return 1;
         const double raw = double(sample.bytes.size());
-        for (size_t f = 0; f < filters.size(); ++f)
-            AddMeasuredRow(table, sample.name, filters[f].name, raw, double(measures[f].storedBytes),
-                           measures[f].writeSeconds, measures[f].readSeconds);
+        for (auto* run : {&methods, &scaling}) {
+            std::vector<SMeasure> measures(run->size());
+            if (!RunInterleaved(repetitions, *run, sample.name,
+                                [&](size_t m) { return RunOnce(path, (*run)[m], sample, readBack, measures[m]); }))
+                return 1;
+            for (size_t m = 0; m < run->size(); ++m)
+                AddMeasuredRow(run == &methods ? table : threads, sample.name, (*run)[m].name, raw,
+                               double(measures[m].storedBytes), measures[m].writeSeconds, measures[m].readSeconds);
+        }
     }
     std::remove(path.c_str());
-    return PublishTable(table, options.csvPath);
+    const int status = PublishTable(table, options.csvPath);
+    std::printf("\nThreads (%u cores here):\n\n", cores);
+    return PublishTable(threads, options.csvPath.empty() ? "" : options.csvPath + ".threads.csv") | status;
 }

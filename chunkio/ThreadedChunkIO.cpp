@@ -197,6 +197,21 @@ void CThreadedChunkIO::ForEachRow(const std::vector<hsize_t>& origin, F&& f) con
     }
 }
 
+const uint8_t* CThreadedChunkIO::ContiguousChunk(const uint8_t* pArray, const std::vector<hsize_t>& origin) const
+{
+    // The chunk is one run of the array when it lies inside the dataset and spans every dimension
+    // but the first.
+    if (origin[0] + m_chunk[0] > m_dims[0])
+        return nullptr;
+    for (size_t d = 1; d < m_dims.size(); ++d)
+        if (m_chunk[d] != m_dims[d])
+            return nullptr;
+    size_t offset = origin[0] * m_typeBytes;
+    for (size_t d = 1; d < m_dims.size(); ++d)
+        offset *= m_dims[d];
+    return pArray + offset;
+}
+
 void CThreadedChunkIO::Gather(const uint8_t* pArray, const std::vector<hsize_t>& origin, uint8_t* pChunk) const
 {
     std::memset(pChunk, 0, m_chunkBytes); // HDF5 pads edge chunks with zeros too
@@ -222,9 +237,14 @@ bool CThreadedChunkIO::Write(const void* cells)
         while (pipeline.Take(index, false)) {
             SSlot& slot = pipeline.Slot(index);
             ChunkOrigin(index, origin);
-            Gather(pArray, origin, chunk.data());
+            // A chunk that is one run of the array is compressed where it lies.
+            const uint8_t* pCells = ContiguousChunk(pArray, origin);
+            if (pCells == nullptr) {
+                Gather(pArray, origin, chunk.data());
+                pCells = chunk.data();
+            }
             slot.bytes.resize(bound);
-            slot.size = mertax_compress(chunk.data(), chunk.size(), m_cellBytes, m_level, slot.bytes.data(), bound);
+            slot.size = mertax_compress(pCells, m_chunkBytes, m_cellBytes, m_level, slot.bytes.data(), bound);
             if (slot.size == 0)
                 slot.error = "chunk " + std::to_string(index) + " could not be compressed";
             pipeline.Finish(index);
@@ -269,22 +289,25 @@ bool CThreadedChunkIO::Read(void* cells)
         while (pipeline.Take(index, true)) {
             SSlot& slot = pipeline.Slot(index);
             ChunkOrigin(index, origin);
+            // A chunk that is one run of the array is expanded where it goes.
+            uint8_t* const pDirect = const_cast<uint8_t*>(ContiguousChunk(pArray, origin));
+            uint8_t* const pCells = pDirect != nullptr ? pDirect : chunk.data();
             if (slot.size == 0) {
-                std::fill(chunk.begin(), chunk.end(), 0); // never written: the fill value
+                std::memset(pCells, 0, m_chunkBytes); // never written: the fill value
             } else if (slot.unfiltered) {
                 if (slot.size == m_chunkBytes)
-                    std::memcpy(chunk.data(), slot.bytes.data(), m_chunkBytes);
+                    std::memcpy(pCells, slot.bytes.data(), m_chunkBytes);
                 else
                     slot.error = "chunk " + std::to_string(index) + " is stored unfiltered with the wrong size";
             } else {
                 const size_t produced =
-                    mertax_decompress(slot.bytes.data(), slot.size, m_cellBytes, chunk.data(), m_chunkBytes);
+                    mertax_decompress(slot.bytes.data(), slot.size, m_cellBytes, pCells, m_chunkBytes);
                 if (produced != m_chunkBytes)
                     slot.error = "chunk " + std::to_string(index) + ": " +
                                  DescribeExpansionShortfall(slot.bytes.data(), slot.size, m_cellBytes, produced,
                                                             m_chunkBytes);
             }
-            if (slot.error.empty())
+            if (slot.error.empty() && pDirect == nullptr)
                 Scatter(chunk.data(), origin, pArray);
             pipeline.Finish(index);
         }

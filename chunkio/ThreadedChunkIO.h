@@ -36,6 +36,8 @@ public:
 private:
     // The coordinates of chunk `index` (in C order of the chunk grid) in the dataset.
     void ChunkOrigin(size_t index, std::vector<hsize_t>& origin) const;
+    // Where the chunk at `origin` lies in the array when it is one contiguous run of it, else null.
+    const uint8_t* ContiguousChunk(const uint8_t* pArray, const std::vector<hsize_t>& origin) const;
     // Copies between a chunk buffer (full chunk size, padded with zeros at the edges) and the array.
     void Gather(const uint8_t* pArray, const std::vector<hsize_t>& origin, uint8_t* pChunk) const;
     void Scatter(const uint8_t* pChunk, const std::vector<hsize_t>& origin, uint8_t* pArray) const;

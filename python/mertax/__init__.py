@@ -6,6 +6,9 @@
 
     f.create_dataset("counts", data=counts, chunks=(64, 4096), **mertax.Mertax(level=4))
 
+    mertax.write_direct(dset, counts, threads=8)  # the codec on 8 threads, direct chunk writes
+    counts = mertax.read_direct(dset)
+
 Importing the package makes the filter available to h5py in this process, without
 HDF5_PLUGIN_PATH; PLUGIN_PATH names the plugin's folder for other programs. With numcodecs
 installed, mertax.numcodecs.Mertax is registered as the codec "mertax" (for Zarr).
@@ -15,9 +18,11 @@ import os as _os
 import numpy as _np
 
 from . import _mertax
+from ._direct import read_direct, write_direct
 from ._h5filter import FILTER_ID, Mertax
 
-__all__ = ["compress", "decompress", "Mertax", "FILTER_ID", "PLUGIN_PATH", "__version__"]
+__all__ = ["compress", "decompress", "Mertax", "write_direct", "read_direct", "FILTER_ID", "PLUGIN_PATH",
+           "__version__"]
 __version__ = _mertax.version()
 PLUGIN_PATH = _os.path.join(_os.path.dirname(_os.path.abspath(__file__)), "plugin")
 

@@ -129,8 +129,9 @@ def test_inspect_reports_a_damaged_chunk_and_goes_on(h5file):
 def test_bench_compares_filters_on_raw_data(tmp_path):
     raw = tmp_path / "counts.raw"
     detector_like("u2", 200000).tofile(raw)
-    result = run("bench", "--raw", raw, "--cell", 2, "--repeat", 1)
+    result = run("bench", "--raw", raw, "--cell", 2, "--repeat", 1, "--threads", 2)
     assert result.returncode == 0, result.stderr
     text = result.stdout.decode()
     assert "mertax level 0" in text and "mertax level 9" in text and "recommended:" in text
+    assert "mertax level 4, 2 threads, direct chunk I/O" in text
     assert not list(tmp_path.glob("*.h5"))

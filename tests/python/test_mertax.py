@@ -147,3 +147,36 @@ def test_codec_from_several_threads_at_once():
     assert blobs == serial
     for a, b in zip(arrays, back):
         np.testing.assert_array_equal(a, b)
+
+
+@pytest.mark.parametrize("threads", (1, 2, 5))
+def test_threaded_direct_chunk_io_matches_the_filter_pipeline(tmp_path, threads):
+    path = tmp_path / "direct.h5"
+    array = detector_like("u2", (45, 700))  # partial edge chunks in both dimensions
+    with h5py.File(path, "w") as f:
+        piped = f.create_dataset("pipeline", data=array, chunks=(16, 256), **mertax.Mertax(level=4))
+        direct = f.create_dataset("direct", shape=array.shape, dtype=array.dtype, chunks=(16, 256),
+                                  **mertax.Mertax(level=4))
+        mertax.write_direct(direct, array, threads=threads)
+        for origin in ((0, 0), (32, 512), (16, 256)):
+            assert direct.id.read_direct_chunk(origin) == piped.id.read_direct_chunk(origin)
+        np.testing.assert_array_equal(direct[...], array)
+        np.testing.assert_array_equal(mertax.read_direct(piped, threads=threads), array)
+    dump = subprocess.run(["h5dump", "-d", "/direct", "-s", "44,699", "-c", "1,1", str(path)], check=True,
+                          capture_output=True, env={**os.environ, "HDF5_PLUGIN_PATH": mertax.PLUGIN_PATH}).stdout
+    assert f"(44,699): {array[44, 699]}".encode() in dump
+
+
+def test_threaded_direct_chunk_io_refuses_and_reports(tmp_path):
+    with h5py.File(tmp_path / "bad.h5", "w") as f:
+        gzip = f.create_dataset("gzip", shape=(100,), dtype="u2", chunks=(10,), compression="gzip")
+        with pytest.raises(ValueError, match="not chunked with filter 32910"):
+            mertax.write_direct(gzip, np.zeros(100, "u2"))
+        d = f.create_dataset("d", shape=(20000,), dtype="u2", chunks=(10000,), **mertax.Mertax())
+        mertax.write_direct(d, detector_like("u2", 20000))
+        _, blob = d.id.read_direct_chunk((10000,))
+        d.id.write_direct_chunk((10000,), blob[:-8])
+        with pytest.raises(ValueError, match="damaged data: segment"):
+            mertax.read_direct(d, threads=2)
+        empty = f.create_dataset("empty", shape=(30,), dtype="u4", chunks=(10,), **mertax.Mertax())
+        np.testing.assert_array_equal(mertax.read_direct(empty), np.zeros(30, "u4"))

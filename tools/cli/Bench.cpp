@@ -3,6 +3,7 @@
 #include "CliSupport.h"
 #include "FilterCatalog.h"
 #include "Hdf5Handle.h"
+#include "ThreadedChunkIO.h"
 
 #include <unistd.h>
 
@@ -76,7 +77,8 @@ struct SResult
 
 // Writes the data with `filter` into a fresh file and reads it back, `repetitions` times; the best
 // times count. False when the filter fails or the data does not come back exactly.
-bool Measure(const std::string& path, const SFilterChoice& filter, const SData& d, int repetitions, SResult& r)
+bool Measure(const std::string& path, const SFilterChoice& filter, unsigned threads, const SData& d, int repetitions,
+             SResult& r)
 {
     double bestWrite = 1e30, bestRead = 1e30;
     std::vector<uint8_t> back(d.bytes.size());
@@ -90,22 +92,28 @@ bool Measure(const std::string& path, const SFilterChoice& filter, const SData& 
             H5Pset_chunk(dcpl, int(d.chunk.size()), d.chunk.data());
             filter.apply(dcpl, H5Tget_size(d.type));
             CHid dataset(H5Dcreate2(file, "data", d.type, space, H5P_DEFAULT, dcpl, H5P_DEFAULT), H5Dclose);
-            if (!dataset.Valid() || H5Dwrite(dataset, d.type, H5S_ALL, H5S_ALL, H5P_DEFAULT, d.bytes.data()) < 0 ||
-                dataset.Close() < 0 || file.Close() < 0)
+            const bool written =
+                dataset.Valid() &&
+                (threads == 0 ? H5Dwrite(dataset, d.type, H5S_ALL, H5S_ALL, H5P_DEFAULT, d.bytes.data()) >= 0
+                              : CThreadedChunkIO(dataset, threads).Write(d.bytes.data()));
+            if (!written || dataset.Close() < 0 || file.Close() < 0)
                 return false;
         }
         bestWrite = std::min(bestWrite, std::chrono::duration<double>(Clock::now() - start).count());
         const auto readStart = Clock::now();
         CHid file(H5Fopen(path.c_str(), H5F_ACC_RDONLY, H5P_DEFAULT), H5Fclose);
         CHid dataset(H5Dopen2(file, "data", H5P_DEFAULT), H5Dclose);
-        if (H5Dread(dataset, d.type, H5S_ALL, H5S_ALL, H5P_DEFAULT, back.data()) < 0)
+        const bool read = threads == 0 ? H5Dread(dataset, d.type, H5S_ALL, H5S_ALL, H5P_DEFAULT, back.data()) >= 0
+                                       : CThreadedChunkIO(dataset, threads).Read(back.data());
+        if (!read)
             return false;
         bestRead = std::min(bestRead, std::chrono::duration<double>(Clock::now() - readStart).count());
         stored = H5Dget_storage_size(dataset);
         if (back != d.bytes)
             return false;
     }
-    r.name = filter.name;
+    r.name = threads == 0 ? filter.name
+                          : filter.name + ", " + std::to_string(threads) + " threads, direct chunk I/O";
     r.ratio = stored ? double(d.bytes.size()) / double(stored) : 0;
     r.writeMBs = double(d.bytes.size()) / bestWrite / 1e6;
     r.readMBs = double(d.bytes.size()) / bestRead / 1e6;
@@ -145,14 +153,17 @@ int Bench(const SBenchOptions& o)
     H5Eset_auto2(H5E_DEFAULT, nullptr, nullptr);
     const SData d = o.raw ? LoadRaw(o) : LoadDataset(o);
 
-    std::vector<SFilterChoice> choices;
+    // Each choice through the filter pipeline (threads 0), and level 4 on threads when asked for.
+    std::vector<std::pair<SFilterChoice, unsigned>> choices;
     for (unsigned level : {0u, 4u, 8u, 9u})
-        choices.push_back(MertaxChoice(level));
-    if (!Available(choices.front()))
+        choices.push_back({MertaxChoice(level), 0});
+    if (!Available(choices.front().first))
         throw CCliError(EXIT_BAD_USAGE, "HDF5 cannot load filter 32910: set HDF5_PLUGIN_PATH to the plugin's folder");
+    if (o.threads != 0)
+        choices.push_back({MertaxChoice(4), o.threads});
     for (SFilterChoice& other : OtherFilterChoices())
         if (Available(other))
-            choices.push_back(std::move(other));
+            choices.push_back({std::move(other), 0});
 
     const std::filesystem::path scratch =
         std::filesystem::temp_directory_path() / ("mertax-bench-" + std::to_string(getpid()));
@@ -161,13 +172,14 @@ int Bench(const SBenchOptions& o)
     {
         CProgress progress;
         for (size_t i = 0; i < choices.size(); ++i) {
-            progress.Show("bench: " + choices[i].name + " (" + std::to_string(i + 1) + " of " +
+            const SFilterChoice& filter = choices[i].first;
+            progress.Show("bench: " + filter.name + " (" + std::to_string(i + 1) + " of " +
                           std::to_string(choices.size()) + ")");
             SResult r;
-            if (Measure((scratch / "scratch.h5").string(), choices[i], d, o.repetitions, r))
+            if (Measure((scratch / "scratch.h5").string(), filter, choices[i].second, d, o.repetitions, r))
                 results.push_back(r);
             else
-                std::cerr << "mertax: " << choices[i].name << " failed or did not give the data back; left out\n";
+                std::cerr << "mertax: " << filter.name << " failed or did not give the data back; left out\n";
         }
     }
     std::filesystem::remove_all(scratch);
@@ -175,11 +187,11 @@ int Bench(const SBenchOptions& o)
     std::cout << d.bytes.size() << " bytes of " << H5Tget_size(d.type) * 8 << "-bit cells, chunks of "
               << std::accumulate(d.chunk.begin(), d.chunk.end(), H5Tget_size(d.type), std::multiplies<size_t>())
               << " bytes; best of " << o.repetitions << ", MB/s of uncompressed data\n";
-    std::cout << std::left << std::setw(30) << "filter" << std::right << std::setw(8) << "ratio" << std::setw(12)
+    std::cout << std::left << std::setw(54) << "filter" << std::right << std::setw(8) << "ratio" << std::setw(12)
               << "write MB/s" << std::setw(12) << "read MB/s" << "\n"
               << std::fixed << std::setprecision(2);
     for (const SResult& r : results)
-        std::cout << std::left << std::setw(30) << r.name << std::right << std::setw(8) << r.ratio
+        std::cout << std::left << std::setw(54) << r.name << std::right << std::setw(8) << r.ratio
                   << std::setprecision(0) << std::setw(12) << r.writeMBs << std::setw(12) << r.readMBs
                   << std::setprecision(2) << "\n";
     // The best ratio among the filters that write at least half as fast as the fastest one.

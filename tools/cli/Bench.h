@@ -11,6 +11,7 @@ struct SBenchOptions
     bool raw = false;
     size_t cellBytes = 0; // for raw files
     int repetitions = 3;
+    unsigned threads = 0; // also our codec on this many threads with direct chunk I/O
 };
 
 int Bench(const SBenchOptions& options);

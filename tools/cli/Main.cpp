@@ -68,6 +68,8 @@ int main(int argc, char** argv)
         ->check(CLI::IsMember({1, 2, 4, 8}));
     benchVerb->add_option("--repeat", bench.repetitions, "repetitions, the best counts (default 3)")
         ->check(CLI::Range(1, 100));
+    benchVerb->add_option("--threads", bench.threads, "also run level 4 on N threads with direct chunk I/O")
+        ->check(CLI::Range(1, 1024));
 
     try {
         app.parse(argc, argv);
