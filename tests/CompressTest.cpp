@@ -175,28 +175,3 @@ TEST(CompressRoundTrip, SeveralMebibytes)
 // shape, cell size and level pins them, so that speed work cannot change a single byte. (The
 // sample data comes from libstdc++'s random distributions: another standard library would need
 // its own digest.)
-TEST(Compress, OutputBytesAreUnchanged)
-{
-    uint64_t digest = 1469598103934665603ull; // FNV-1a over every output
-    auto add = [&](const Bytes& bytes) {
-        for (uint8_t b : bytes)
-            digest = (digest ^ b) * 1099511628211ull;
-    };
-    for (size_t level = 0; level <= COptimalBiasDulo::MAX_COMPRESS_LEVEL; ++level) {
-        for (EDataSet set : ALL_DATA_SETS) {
-            const SSampleBuffer sample = MakeDataSet(set, 3 * 4096 + 1000, level);
-            COptimalBiasDulo codec;
-            codec.SetCompressLevel(level);
-            if (sample.cellSize == 2)
-                codec.SetReduceWordSize();
-            add(CompressBytes(codec, sample.bytes, sample.cellSize));
-        }
-        for (EShape shape : ALL_SHAPES)
-            for (size_t cellSize : {1, 2, 4, 8}) {
-                COptimalBiasDulo codec;
-                codec.SetCompressLevel(level);
-                add(CompressBytes(codec, MakeShapeBytes(shape, cellSize, 9000 / cellSize, level), cellSize));
-            }
-    }
-    EXPECT_EQ(digest, 16106198174634503113ull);
-}
