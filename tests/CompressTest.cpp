@@ -171,7 +171,4 @@ TEST(CompressRoundTrip, SeveralMebibytes)
 
 } // namespace
 
-// The compressed bytes are persisted in users' files: a digest of the output for every data set,
-// shape, cell size and level pins them, so that speed work cannot change a single byte. (The
-// sample data comes from libstdc++'s random distributions: another standard library would need
-// its own digest.)
+} // namespace
