@@ -170,5 +170,3 @@ TEST(CompressRoundTrip, SeveralMebibytes)
 }
 
 } // namespace
-
-} // namespace
