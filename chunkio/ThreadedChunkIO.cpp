@@ -48,11 +48,7 @@ public:
     }
     void Finish(size_t chunk)
     {
-        {
-            std::lock_guard<std::mutex> lock(m_mutex);
-            Slot(chunk).ready = true;
-        }
-        m_changed.notify_all();
+        Change([&] { Slot(chunk).ready = true; });
     }
     // Calling thread side.
     void WaitReady(size_t chunk)
@@ -67,33 +63,34 @@ public:
     }
     void Loaded(size_t chunk)
     {
-        {
-            std::lock_guard<std::mutex> lock(m_mutex);
-            Slot(chunk).loaded = true;
-        }
-        m_changed.notify_all();
+        Change([&] { Slot(chunk).loaded = true; });
     }
     void Release(size_t chunk)
     {
-        {
-            std::lock_guard<std::mutex> lock(m_mutex);
+        Change([&] {
             SSlot& slot = Slot(chunk);
             slot.ready = slot.loaded = slot.unfiltered = false;
             slot.error.clear();
             m_done = chunk + 1;
-        }
-        m_changed.notify_all();
+        });
     }
     void Stop()
     {
+        Change([&] { m_stop = true; });
+    }
+
+private:
+    // Changes the shared state under the lock, then wakes every waiting thread.
+    template <typename F>
+    void Change(F&& change)
+    {
         {
             std::lock_guard<std::mutex> lock(m_mutex);
-            m_stop = true;
+            change();
         }
         m_changed.notify_all();
     }
 
-private:
     std::vector<SSlot> m_slots;
     size_t m_chunks;
     size_t m_next = 0; // next chunk for a worker

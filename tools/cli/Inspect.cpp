@@ -214,21 +214,33 @@ void PrintText(const SDataset& d, const SInspectOptions& o)
     }
 }
 
+void ArrayField(CJsonWriter& json, const std::string& key, const std::vector<hsize_t>& values)
+{
+    json.Key(key);
+    json.BeginArray();
+    for (hsize_t v : values)
+        json.Value(uint64_t(v));
+    json.EndArray();
+}
+
+// Named counts as one JSON object.
+void CountsField(CJsonWriter& json, const std::string& key,
+                 std::initializer_list<std::pair<const char*, uint64_t>> counts)
+{
+    json.Key(key);
+    json.BeginObject();
+    for (const auto& count : counts)
+        json.Field(count.first, count.second);
+    json.EndObject();
+}
+
 void PrintJson(CJsonWriter& json, const SDataset& d, const SInspectOptions& o)
 {
     json.BeginObject();
     json.Field("name", d.name);
     json.Field("datatype", d.type);
-    json.Key("shape");
-    json.BeginArray();
-    for (hsize_t v : d.dims)
-        json.Value(uint64_t(v));
-    json.EndArray();
-    json.Key("chunk_shape");
-    json.BeginArray();
-    for (hsize_t v : d.chunkDims)
-        json.Value(uint64_t(v));
-    json.EndArray();
+    ArrayField(json, "shape", d.dims);
+    ArrayField(json, "chunk_shape", d.chunkDims);
     json.Key("client_data");
     json.BeginObject();
     for (size_t i = 0; i < d.clientData.size(); ++i)
@@ -243,11 +255,7 @@ void PrintJson(CJsonWriter& json, const SDataset& d, const SInspectOptions& o)
         if (!o.chunks && !o.segments && c.damage.empty())
             continue;
         json.BeginObject();
-        json.Key("offset");
-        json.BeginArray();
-        for (hsize_t v : c.offset)
-            json.Value(uint64_t(v));
-        json.EndArray();
+        ArrayField(json, "offset", c.offset);
         json.Field("stored_bytes", uint64_t(c.storedBytes));
         json.Field("filtered", !c.unfiltered);
         if (!c.damage.empty())
@@ -257,16 +265,13 @@ void PrintJson(CJsonWriter& json, const SDataset& d, const SInspectOptions& o)
             json.BeginArray();
             for (const SSegmentReport& s : c.segments) {
                 json.BeginObject();
-                json.Field("offset", uint64_t(s.offset));
                 json.Field("form", s.compressed ? "compressed" : "stored");
                 json.Field("cells", CellName(s.cellBits));
-                json.Field("segment_size", uint64_t(s.segSize));
-                json.Field("bias", uint64_t(s.bias));
-                json.Field("segmin", uint64_t(s.segmin));
-                json.Field("coded_planes", uint64_t(s.codedPlanes));
-                json.Field("stream_bytes", uint64_t(s.streamBytes));
-                json.Field("map_bytes", uint64_t(s.mapBytes));
-                json.Field("length", uint64_t(s.length));
+                for (const auto& count : {std::pair<const char*, uint64_t>{"offset", s.offset},
+                                          {"segment_size", s.segSize}, {"bias", s.bias}, {"segmin", s.segmin},
+                                          {"coded_planes", s.codedPlanes}, {"stream_bytes", s.streamBytes},
+                                          {"map_bytes", s.mapBytes}, {"length", s.length}})
+                    json.Field(count.first, count.second);
                 json.EndObject();
             }
             json.EndArray();
@@ -276,15 +281,9 @@ void PrintJson(CJsonWriter& json, const SDataset& d, const SInspectOptions& o)
     json.EndArray();
     if (o.segments) {
         const STotals t = SumSegments(d);
-        json.Key("segment_totals");
-        json.BeginObject();
-        json.Field("segments", uint64_t(t.segments));
-        json.Field("compressed", uint64_t(t.compressed));
-        json.Field("field_bytes", uint64_t(t.fieldBytes));
-        json.Field("stream_bytes", uint64_t(t.streamBytes));
-        json.Field("map_bytes", uint64_t(t.mapBytes));
-        json.Field("stored_data_bytes", uint64_t(t.storedData));
-        json.EndObject();
+        CountsField(json, "segment_totals",
+                    {{"segments", t.segments}, {"compressed", t.compressed}, {"field_bytes", t.fieldBytes},
+                     {"stream_bytes", t.streamBytes}, {"map_bytes", t.mapBytes}, {"stored_data_bytes", t.storedData}});
     }
     json.EndObject();
 }
