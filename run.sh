@@ -2,7 +2,8 @@
 # The project's one entry point.
 #   ./run.sh test            install what is missing, build (normal and sanitizer builds), run every test
 #   ./run.sh demo            install what is missing, build, write and read sample detector data
-#                            through the HDF5 plugin next to gzip
+#                            through the HDF5 plugin next to gzip, from C++ and from Python, and
+#                            inspect the file with the mertax tool
 #   ./run.sh bench [--quick] build and print the benchmark tables: the codec per level, and
 #                            against other compressors and HDF5 filters (also as CSV)
 #   ./run.sh fuzz [SECONDS]  build the fuzz targets with clang, ASan and UBSan, and run each for
@@ -75,6 +76,12 @@ run_demo() {
     configure_and_build build -DCMAKE_BUILD_TYPE=Release
     mkdir -p build/demo
     HDF5_PLUGIN_PATH="$PWD/build/plugin" ./build/tools/mertax_demo "$PWD/build/demo/mertax_demo.h5"
+    echo
+    echo "== From Python (the build's package, no HDF5_PLUGIN_PATH)"
+    PYTHONPATH="$PWD/build/python" /usr/bin/python3 tools/python_demo.py "$PWD/build/demo/python_demo.h5"
+    echo
+    echo "== The command-line tool on the demo's file"
+    ./build/bin/mertax inspect "$PWD/build/demo/mertax_demo.h5"
 }
 
 run_package() {
