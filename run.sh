@@ -65,7 +65,7 @@ run_bench() {
     ./build/bench/codec_comparison_bench "$@" --csv "$out/in_memory.csv"
     echo
     echo "== Against other filters, through HDF5"
-    HDF5_PLUGIN_PATH="$PWD/build/plugin:$(pkg-config --variable=PluginDir hdf5)" \
+    HDF5_PLUGIN_PATH="$PWD/build/plugin:$(pkg-config --variable=PluginDir hdf5-serial)" \
         ./build/bench/hdf5_filter_bench "$out/scratch.h5" "$@" --csv "$out/through_hdf5.csv"
     echo
     echo "CSV files: $out/in_memory.csv, $out/through_hdf5.csv"
