@@ -9,7 +9,6 @@
 #include "OptimalBiasDulo.h"
 #include "PluginReport.h"
 
-#include <algorithm>
 #include <cstdint>
 #include <cstdlib>
 #include <iomanip>
@@ -118,8 +117,7 @@ size_t H5Z_filter_dulo(unsigned int flags, size_t cd_nelmts, const unsigned int 
     BindHdf5(__builtin_return_address(0));
     MERTAX_FilterConfig config;
     MERTAX_FilterData filterData;
-    config.SetEncodedData(cd_values, unsigned(std::min(cd_nelmts, MERTAX_FilterConfig::ENCODED_LENGTH)));
-    config.GetFilterData(filterData);
+    config.Load(cd_values, cd_nelmts, filterData);
 
     COptimalBiasDulo codec;
     if (flags & H5Z_FLAG_REVERSE)

@@ -40,6 +40,15 @@ public:
         AppendValue(data.m_compressLevel);
     }
 
+    // Takes the client data as HDF5 hands it over; HDF5 reports how many words the application
+    // stored, which may be more than the filter's layout has. The result is not checked: a record
+    // without a filter version keeps its defaults.
+    void Load(const unsigned int cd_values[], size_t cd_nelmts, MERTAX_FilterData& data)
+    {
+        SetEncodedData(cd_values, unsigned(cd_nelmts < ENCODED_LENGTH ? cd_nelmts : ENCODED_LENGTH));
+        GetFilterData(data);
+    }
+
     // Leaves `data` untouched when no filter version has been set.
     void GetFilterData(MERTAX_FilterData& data) const
     {

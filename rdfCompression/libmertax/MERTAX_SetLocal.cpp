@@ -5,7 +5,6 @@
 #include "MERTAX_FilterData.h"
 #include "PluginReport.h"
 
-#include <algorithm>
 #include <cstdint>
 #include <iomanip>
 #include <iostream>
@@ -50,11 +49,9 @@ herr_t H5Z_dulo_set_local_filter_cb(hid_t dcpl_id, hid_t type_id, hid_t space_id
         return -1;
     }
 
-    // HDF5 reports how many words the application stored, which may be more than the array holds.
     MERTAX_FilterConfig config;
     MERTAX_FilterData filterData;
-    config.SetEncodedData(cd_values, unsigned(std::min(cd_nelmts, MERTAX_FilterConfig::ENCODED_LENGTH)));
-    config.GetFilterData(filterData);
+    config.Load(cd_values, cd_nelmts, filterData);
 
     // The application must store encoded client data when it adds the filter; nothing is written
     // back here, so creation fails without it.
