@@ -2,6 +2,8 @@
 // compile to a few instructions at the baseline target, without intrinsics.
 #pragma once
 
+#include "ByteAccess.h"
+
 #include <cstddef>
 #include <cstdint>
 
@@ -39,6 +41,22 @@ constexpr size_t BitCount(uint64_t v)
     v = (v & 0x3333333333333333ull) + ((v >> 2) & 0x3333333333333333ull);
     v = (v + (v >> 4)) & 0x0F0F0F0F0F0F0F0Full;
     return size_t((v * 0x0101010101010101ull) >> 56);
+}
+
+// Bit i set when byte i of the 64 at pNibbles (each below 16) equals `nibble`. Eight at a time:
+// a byte that differs is 1 to 15 after the xor, so adding 0x7F sets its top bit and carries into
+// no other byte; the multiplication gathers the eight top bits, each product term on a bit of
+// its own.
+inline uint64_t MatchMask64(const uint8_t* pNibbles, uint8_t nibble)
+{
+    const uint64_t repeated = 0x0101010101010101ull * nibble;
+    uint64_t nonMatches = 0;
+    for (unsigned w = 0; w < 8; ++w) {
+        const uint64_t differ =
+            ((LoadLE<uint64_t>(pNibbles + 8 * w) ^ repeated) + 0x7F7F7F7F7F7F7F7Full) & 0x8080808080808080ull;
+        nonMatches |= ((differ >> 7) * 0x0102040810204080ull >> 56) << (8 * w);
+    }
+    return ~nonMatches;
 }
 
 constexpr size_t RoundUp4(size_t n) { return (n + 3) & ~size_t(3); }

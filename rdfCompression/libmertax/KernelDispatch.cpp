@@ -4,18 +4,22 @@
 
 namespace {
 
-constexpr CKernels PORTABLE_KERNELS = {"portable", SpreadSlotsPortable, GatherSlotsPortable};
-#ifdef MERTAX_HAVE_SSSE3_SHUFFLE
-constexpr CKernels SSSE3_KERNELS = {"ssse3", SpreadSlotsSsse3, GatherSlotsSsse3};
+constexpr CKernels PORTABLE_KERNELS = {"portable", SpreadSlotsPortable, ClassifySlotsPortable};
+#ifdef MERTAX_HAVE_X86_KERNELS
+constexpr CKernels SSSE3_KERNELS = {"ssse3", SpreadSlotsSsse3, ClassifySlotsSsse3};
+constexpr CKernels AVX512_KERNELS = {"avx512", SpreadSlotsAvx512, ClassifySlotsAvx512};
 #endif
 
 std::vector<EKernelSet> DetectKernelSets()
 {
     std::vector<EKernelSet> sets = {EKernelSet::PORTABLE};
-#ifdef MERTAX_HAVE_SSSE3_SHUFFLE
+#ifdef MERTAX_HAVE_X86_KERNELS
     __builtin_cpu_init();
     if (__builtin_cpu_supports("ssse3") && __builtin_cpu_supports("popcnt"))
         sets.push_back(EKernelSet::SSSE3);
+    if (__builtin_cpu_supports("avx512f") && __builtin_cpu_supports("avx512bw") &&
+        __builtin_cpu_supports("avx512vbmi2") && __builtin_cpu_supports("popcnt"))
+        sets.push_back(EKernelSet::AVX512);
 #endif
     return sets;
 }
@@ -33,9 +37,11 @@ const std::vector<EKernelSet>& SupportedKernelSets()
 const CKernels& KernelsOf(EKernelSet set)
 {
     switch (set) {
-#ifdef MERTAX_HAVE_SSSE3_SHUFFLE
+#ifdef MERTAX_HAVE_X86_KERNELS
     case EKernelSet::SSSE3:
         return SSSE3_KERNELS;
+    case EKernelSet::AVX512:
+        return AVX512_KERNELS;
 #endif
     default:
         return PORTABLE_KERNELS;

@@ -13,14 +13,15 @@
 enum class EKernelSet : uint8_t
 {
     PORTABLE,
-    SSSE3, // SSSE3 shuffles with POPCNT
+    SSSE3,  // SSSE3 shuffles with POPCNT
+    AVX512, // AVX-512 F, BW and VBMI2: byte expand and compress
 };
 
 struct CKernels
 {
     const char* name;
     SlotSpreadFn spread;
-    SlotGatherFn gather;
+    SlotClassifyFn classify;
 };
 
 // The sets this processor runs, the portable one first and the widest last.

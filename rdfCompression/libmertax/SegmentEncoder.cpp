@@ -18,22 +18,6 @@
 
 namespace {
 
-// Bit i set when byte i of the 64 at pNibbles (each below 16) equals `nibble`. Eight at a time:
-// a byte that differs is 1 to 15 after the xor, so adding 0x7F sets its top bit and carries into
-// no other byte; the multiplication gathers the eight top bits, each product term on a bit of
-// its own.
-uint64_t MatchMask64(const uint8_t* pNibbles, uint8_t nibble)
-{
-    const uint64_t repeated = 0x0101010101010101ull * nibble;
-    uint64_t nonMatches = 0;
-    for (unsigned w = 0; w < 8; ++w) {
-        const uint64_t differ =
-            ((LoadLE<uint64_t>(pNibbles + 8 * w) ^ repeated) + 0x7F7F7F7F7F7F7F7Full) & 0x8080808080808080ull;
-        nonMatches |= ((differ >> 7) * 0x0102040810204080ull >> 56) << (8 * w);
-    }
-    return ~nonMatches;
-}
-
 // The nibble at SHIFT of 64 cells, one per byte. Out of line, with the shift fixed at compile
 // time, the compiler sees that the buffers do not overlap and vectorizes the loop in the cells'
 // own width (a shift by a variable would be done in int).
@@ -127,7 +111,7 @@ size_t COptimalBiasDulo::Deflate(uint8_t* pUncData, const uint16_t& segSize, T s
     const size_t skippedSlots = (reduced ? skippedPlanes - 2 : skippedPlanes) * elems;
     // A plane's non-match nibbles are gathered here and coded together at the plane's end.
     uint8_t planeNibbles[MAX_SEGMENT_DATA + 16];
-    const SlotGatherFn gather = ActiveKernels().gather;
+    const SlotClassifyFn classify = ActiveKernels().classify;
 
     for (unsigned plane = skippedPlanes; plane < PLANES; ++plane) {
         const unsigned nibShift = 4 * (PLANES - 1 - plane);
@@ -154,9 +138,9 @@ size_t COptimalBiasDulo::Deflate(uint8_t* pUncData, const uint16_t& segSize, T s
             if (count == 64) {
                 uint8_t blockNibbles[64];
                 extract(pCells, blockNibbles);
-                const uint64_t matches = MatchMask64(blockNibbles, escape);
+                uint64_t matches;
+                nonMatchCount += classify(blockNibbles, escape, planeNibbles + nonMatchCount, &matches);
                 map.NextSlots(matches, 64);
-                nonMatchCount += gather(~matches, blockNibbles, planeNibbles + nonMatchCount);
             } else {
                 uint64_t matches = 0;
                 for (unsigned i = 0; i < count; ++i)

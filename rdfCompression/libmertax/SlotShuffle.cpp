@@ -1,9 +1,11 @@
 #include "SlotShuffle.h"
 
+#include "BitOps.h"
+
 #include <array>
 #include <cstring>
 
-#ifdef MERTAX_HAVE_SSSE3_SHUFFLE
+#ifdef MERTAX_HAVE_X86_KERNELS
 #include <immintrin.h>
 #endif
 
@@ -24,7 +26,13 @@ size_t GatherSlotsPortable(uint64_t bits, const uint8_t* pSlots, uint8_t* pOut)
     return put;
 }
 
-#ifdef MERTAX_HAVE_SSSE3_SHUFFLE
+size_t ClassifySlotsPortable(const uint8_t* pSlots, uint8_t nibble, uint8_t* pOut, uint64_t* pMatches)
+{
+    *pMatches = MatchMask64(pSlots, nibble);
+    return GatherSlotsPortable(~*pMatches, pSlots, pOut);
+}
+
+#ifdef MERTAX_HAVE_X86_KERNELS
 namespace {
 
 // Shuffle orders for eight slot bits m; 0x80 makes the shuffle yield 0.
@@ -95,5 +103,11 @@ __attribute__((target("ssse3,popcnt"))) size_t GatherSlotsSsse3(uint64_t bits, c
         put += unsigned(__builtin_popcount(high));
     }
     return put;
+}
+
+size_t ClassifySlotsSsse3(const uint8_t* pSlots, uint8_t nibble, uint8_t* pOut, uint64_t* pMatches)
+{
+    *pMatches = MatchMask64(pSlots, nibble);
+    return GatherSlotsSsse3(~*pMatches, pSlots, pOut);
 }
 #endif

@@ -1,7 +1,9 @@
-// The two moves between the slots of a 64-slot block and a packed row of nibbles, one per byte:
-// the decoder spreads a plane's non-match nibbles over their slots, the encoder gathers them.
-// The SSSE3 forms shuffle sixteen slots at a time; the portable forms visit the set bits one by
-// one. Both give the same bytes; KernelDispatch chooses between them.
+// The moves between the slots of a 64-slot block and a packed row of nibbles, one per byte: the
+// decoder spreads a plane's non-match nibbles over their slots; the encoder classifies a block's
+// nibbles against the bias nibble and gathers the non-matches. The SSSE3 forms shuffle sixteen
+// slots at a time, the AVX-512 ones (BW and VBMI2) expand and compress all 64 in one instruction;
+// the portable forms visit the set bits one by one. All give the same bytes; KernelDispatch
+// chooses among them.
 #pragma once
 
 #include <cstddef>
@@ -16,10 +18,18 @@ using SlotSpreadFn = size_t (*)(uint64_t bits, const uint8_t* pValues, uint8_t f
 // many; pOut must have room for 16 bytes past them.
 using SlotGatherFn = size_t (*)(uint64_t bits, const uint8_t* pSlots, uint8_t* pOut);
 
+// Sets *pMatches to the bits of the 64 slots at pSlots that equal `nibble`, appends the others to
+// pOut in order (room for 16 bytes past them), and returns how many it appended.
+using SlotClassifyFn = size_t (*)(const uint8_t* pSlots, uint8_t nibble, uint8_t* pOut, uint64_t* pMatches);
+
 size_t SpreadSlotsPortable(uint64_t bits, const uint8_t* pValues, uint8_t fill, uint8_t* pOut);
 size_t GatherSlotsPortable(uint64_t bits, const uint8_t* pSlots, uint8_t* pOut);
-#if defined(__x86_64__) || defined(__i386__)
-#define MERTAX_HAVE_SSSE3_SHUFFLE 1
+size_t ClassifySlotsPortable(const uint8_t* pSlots, uint8_t nibble, uint8_t* pOut, uint64_t* pMatches);
+#if defined(__x86_64__)
+#define MERTAX_HAVE_X86_KERNELS 1
 size_t SpreadSlotsSsse3(uint64_t bits, const uint8_t* pValues, uint8_t fill, uint8_t* pOut);
 size_t GatherSlotsSsse3(uint64_t bits, const uint8_t* pSlots, uint8_t* pOut);
+size_t ClassifySlotsSsse3(const uint8_t* pSlots, uint8_t nibble, uint8_t* pOut, uint64_t* pMatches);
+size_t SpreadSlotsAvx512(uint64_t bits, const uint8_t* pValues, uint8_t fill, uint8_t* pOut);
+size_t ClassifySlotsAvx512(const uint8_t* pSlots, uint8_t nibble, uint8_t* pOut, uint64_t* pMatches);
 #endif

@@ -1,0 +1,34 @@
+// The AVX-512 forms of the slot moves (AVX-512 BW for the byte masks, VBMI2 for the byte expand
+// and compress). Built for the baseline target like the rest of the library: only these functions
+// carry the wider target, and KernelDispatch calls them only where the processor has it.
+#include "SlotShuffle.h"
+
+#ifdef MERTAX_HAVE_X86_KERNELS
+#include <immintrin.h>
+
+#define MERTAX_AVX512_TARGET __attribute__((target("avx512f,avx512bw,avx512vbmi2,popcnt")))
+
+MERTAX_AVX512_TARGET size_t SpreadSlotsAvx512(uint64_t bits, const uint8_t* pValues, uint8_t fill, uint8_t* pOut)
+{
+    // A masked load reads only the values taken; the expand puts them into the set slots in order.
+    const size_t taken = size_t(__builtin_popcountll(bits));
+    const __mmask64 valid = taken >= 64 ? ~__mmask64(0) : (__mmask64(1) << taken) - 1;
+    const __m512i values = _mm512_maskz_loadu_epi8(valid, pValues);
+    _mm512_storeu_si512(pOut, _mm512_mask_expand_epi8(_mm512_set1_epi8(char(fill)), bits, values));
+    return taken;
+}
+
+MERTAX_AVX512_TARGET size_t ClassifySlotsAvx512(const uint8_t* pSlots, uint8_t nibble, uint8_t* pOut,
+                                                 uint64_t* pMatches)
+{
+    // One compare gives the match mask; the compress packs the other slots, stored under a mask
+    // so that nothing past them is written.
+    const __m512i slots = _mm512_loadu_si512(pSlots);
+    const __mmask64 matches = _mm512_cmpeq_epi8_mask(slots, _mm512_set1_epi8(char(nibble)));
+    const size_t put = 64 - size_t(__builtin_popcountll(matches));
+    const __mmask64 valid = put >= 64 ? ~__mmask64(0) : (__mmask64(1) << put) - 1;
+    _mm512_mask_storeu_epi8(pOut, valid, _mm512_maskz_compress_epi8(~matches, slots));
+    *pMatches = matches;
+    return put;
+}
+#endif
