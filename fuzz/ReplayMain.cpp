@@ -1,5 +1,10 @@
 // Runs a fuzz target over files and folders of saved inputs, without libFuzzer: the ordinary test
-// run replays the corpora this way.
+// run replays the corpora this way. Targets built on the codec core replay every input once per
+// kernel set that the processor runs.
+#ifdef MERTAX_REPLAY_EVERY_KERNEL_SET
+#include "KernelDispatch.h"
+#endif
+
 #include <cstdint>
 #include <cstdio>
 #include <filesystem>
@@ -18,9 +23,7 @@ void Replay(const std::filesystem::path& file)
     LLVMFuzzerTestOneInput(bytes.data(), bytes.size());
 }
 
-} // namespace
-
-int main(int argc, char** argv)
+size_t ReplayAll(int argc, char** argv)
 {
     size_t count = 0;
     for (int i = 1; i < argc; ++i) {
@@ -36,6 +39,23 @@ int main(int argc, char** argv)
             ++count;
         }
     }
+    return count;
+}
+
+} // namespace
+
+int main(int argc, char** argv)
+{
+#ifdef MERTAX_REPLAY_EVERY_KERNEL_SET
+    size_t count = 0;
+    for (EKernelSet set : SupportedKernelSets()) {
+        UseKernelSet(set);
+        count = ReplayAll(argc, argv);
+        std::printf("replayed %zu inputs with the %s kernels\n", count, KernelsOf(set).name);
+    }
+#else
+    const size_t count = ReplayAll(argc, argv);
     std::printf("replayed %zu inputs\n", count);
+#endif
     return count == 0 ? 1 : 0;
 }
