@@ -6,7 +6,7 @@
 // Exit status: 0 success, 1 bad data, 2 bad usage; every error is one line on standard error.
 #include "Bench.h"
 #include "CliSupport.h"
-#include "Inspect.h"
+#include "FileReport.h"
 #include "RawVerbs.h"
 #include "mertax.h"
 
