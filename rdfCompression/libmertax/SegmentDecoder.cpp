@@ -3,10 +3,10 @@
 
 #include "BitOps.h"
 #include "ByteAccess.h"
+#include "KernelDispatch.h"
 #include "NonMatchMask.h"
 #include "NonMatchReader.h"
 #include "SegmentFormat.h"
-#include "KernelDispatch.h"
 
 #include <algorithm>
 #include <cstring>

@@ -4,10 +4,10 @@
 
 #include "BitOps.h"
 #include "ByteAccess.h"
+#include "KernelDispatch.h"
 #include "MapCoder.h"
 #include "NibbleCoder.h"
 #include "SegmentFormat.h"
-#include "KernelDispatch.h"
 
 #include <algorithm>
 #include <array>
