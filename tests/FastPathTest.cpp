@@ -1,10 +1,11 @@
-// The coders' fast paths against their plain forms on the same inputs: the map coder's block form
-// (64 slots at a time) against slot by slot, the nibble coder's row form against nibble by nibble,
-// and the stream reader's window against nibble-by-nibble reading. Inputs mix long runs, short
+// The coders' fast paths against their plain forms on the same inputs: the run-based map coder
+// against slot by slot, the run-based nibble coder against nibble by nibble, and the stream
+// reader's window against nibble-by-nibble reading. Inputs mix long runs, short
 // runs and noise, so that every branch between the fast and the slow steps is taken.
 #include "MapCoder.h"
 #include "NibbleCoder.h"
 #include "NonMatchReader.h"
+#include "ReferenceCoders.h"
 
 #include <gtest/gtest.h>
 
@@ -26,61 +27,70 @@ std::vector<uint8_t> RunsAndNoise(std::mt19937_64& rng, size_t count, unsigned a
     return values;
 }
 
-TEST(FastPath, MapCoderBlocksAgreeWithSlotBySlot)
+TEST(FastPath, MapCoderAgreesWithSlotBySlot)
 {
     std::mt19937_64 rng(21);
     for (int round = 0; round < 400; ++round) {
-        const size_t slots = 1 + rng() % 9000;
+        const size_t slots = 1 + rng() % 16384;
         const std::vector<uint8_t> match = RunsAndNoise(rng, slots, 2);
         const size_t skipped = rng() % 3 == 0 ? rng() % 2000 : 0;
-        std::vector<uint8_t> blocks(20000), single(20000);
-        CMapCoder fast(blocks.data()), plain(single.data());
-        fast.First(match[0], skipped);
+        CReferenceMapCoder plain;
         plain.First(match[0], skipped);
         for (size_t s = 1; s < slots; ++s)
             plain.Next(match[s]);
-        for (size_t s = 1; s < slots;) {
+        plain.Finish();
+        // The bits arrive in pieces of random sizes, as planes of any length hand them over.
+        std::vector<uint64_t> words(slots / 64 + 3, ~uint64_t(0));
+        CMatchBits bits(words.data());
+        for (size_t s = 0; s < slots;) {
             const unsigned count = unsigned(std::min<size_t>(slots - s, 1 + rng() % 64));
-            uint64_t bits = 0;
+            uint64_t piece = 0;
             for (unsigned k = 0; k < count; ++k)
-                bits |= uint64_t(match[s + k]) << k;
-            fast.NextSlots(bits, count);
+                piece |= uint64_t(match[s + k]) << k;
+            bits.Append(piece, count);
             s += count;
         }
-        fast.Finish();
-        plain.Finish();
-        ASSERT_EQ(fast.Size(), plain.Size()) << "round " << round;
-        ASSERT_TRUE(std::equal(single.begin(), single.begin() + std::ptrdiff_t(plain.Size()), blocks.begin()))
-            << "round " << round;
-        ASSERT_EQ(fast.RunTooLong(), plain.RunTooLong());
+        std::vector<uint8_t> map(20000);
+        CMapCoder coder;
+        const size_t size = coder.Code(words.data(), bits.Close(), skipped, map.data());
+        ASSERT_EQ(size, plain.Map().size()) << "round " << round;
+        const auto differ = std::mismatch(plain.Map().begin(), plain.Map().end(), map.begin());
+        ASSERT_TRUE(differ.first == plain.Map().end())
+            << "round " << round << ": entry " << differ.first - plain.Map().begin() << " is "
+            << int(*differ.second) << ", not " << int(*differ.first);
+        ASSERT_EQ(coder.RunTooLong(), plain.RunTooLong());
     }
 }
 
-TEST(FastPath, NibbleCoderRowsAgreeWithNibbleByNibble)
+TEST(FastPath, NibbleCoderAgreesWithNibbleByNibble)
 {
     std::mt19937_64 rng(22);
     for (int round = 0; round < 600; ++round) {
         const uint8_t firstEscape = uint8_t(rng() % 16);
-        std::vector<uint8_t> rows(9000, 0xEE), single(9000, 0xEE);
-        CNibbleCoder fast(rows.data(), rows.size() - 8, firstEscape), plain(single.data(), single.size() - 8, firstEscape);
+        CNibbleCoder coder(firstEscape);
+        CReferenceNibbleCoder plain(firstEscape);
         uint8_t escape = firstEscape;
         for (int plane = 0, planes = 1 + int(rng() % 4); plane < planes; ++plane) {
             // Non-matches never equal their plane's escape.
             std::vector<uint8_t> nibbles = RunsAndNoise(rng, rng() % 2000, 2 + unsigned(rng() % 15));
             for (uint8_t& n : nibbles)
                 n = n == escape ? uint8_t((n + 1) % 16) : n;
-            fast.NonMatches(nibbles.data(), nibbles.size(), escape);
             for (uint8_t n : nibbles)
                 plain.NonMatch(n, escape);
-            fast.EndPlane(escape);
             plain.EndPlane(escape);
+            nibbles.resize(nibbles.size() + CNibbleCoder::INPUT_SLACK, 0xA);
+            coder.Plane(nibbles.data(), nibbles.size() - CNibbleCoder::INPUT_SLACK, escape);
             escape = uint8_t(rng() % 16);
         }
-        fast.Finish(escape);
         plain.Finish(escape);
-        ASSERT_EQ(fast.Size(), plain.Size()) << "round " << round;
-        ASSERT_TRUE(std::equal(single.begin(), single.begin() + std::ptrdiff_t(plain.Size()), rows.begin()))
+        // A write limit short of the stream stores only that much but still counts it all.
+        const size_t limit = rng() % 4 == 0 ? rng() % (plain.Stream().size() + 1) : 9000;
+        std::vector<uint8_t> stream(9000, 0xEE);
+        ASSERT_EQ(coder.Finish(escape, stream.data(), limit), plain.Stream().size()) << "round " << round;
+        const size_t stored = std::min(limit, plain.Stream().size());
+        ASSERT_TRUE(std::equal(plain.Stream().begin(), plain.Stream().begin() + std::ptrdiff_t(stored), stream.begin()))
             << "round " << round;
+        ASSERT_EQ(stream[stored], 0xEE) << "round " << round;
     }
 }
 

@@ -3,8 +3,12 @@
 //
 // Entries: 00bbbbbb a group of six slots (bit 5 first, 1 = match); 01nnnnnn n non-matches;
 // 10nnnnnn, 110nnnnn and 111nnnnn+byte a run of n, 64 + n or 96 + n matches followed by one
-// non-match. The coder alternates between run mode (counting matches) and group mode (filling a
-// group bit by bit); all-zero groups are held back and written as non-match run entries.
+// non-match. At an entry boundary a match opens a run and a non-match a group; all-zero groups
+// are held back and written as non-match run entries, and the next group follows at once.
+//
+// The coder works entry by entry on the segment's match bits: a run's length is a bit scan, a
+// group is six bits turned round by a table, and a stretch of all-zero groups is counted from the
+// length of the run of non-matches.
 #pragma once
 
 #include "BitOps.h"
@@ -12,112 +16,79 @@
 #include <cstddef>
 #include <cstdint>
 
+// Collects the match bits of a segment's slots, plane after plane: a plane's slots need not
+// fill whole words.
+class CMatchBits
+{
+public:
+    explicit CMatchBits(uint64_t* pWords) : m_pWords(pWords) {}
+
+    // The low `count` bits of `bits` (1 to 64), whose bits above them must be clear.
+    void Append(uint64_t bits, unsigned count)
+    {
+        const unsigned used = unsigned(m_size % 64);
+        uint64_t* pWord = m_pWords + m_size / 64;
+        if (used == 0)
+            *pWord = bits;
+        else
+            *pWord |= bits << used;
+        if (used + count > 64)
+            pWord[1] = bits >> (64 - used);
+        m_size += count;
+    }
+
+    // The number of bits; the two words after the last one are cleared for the map coder.
+    size_t Close()
+    {
+        const size_t words = (m_size + 63) / 64;
+        m_pWords[words] = 0;
+        m_pWords[words + 1] = 0;
+        return m_size;
+    }
+
+private:
+    uint64_t* m_pWords;
+    size_t m_size = 0;
+};
+
 class CMapCoder
 {
 public:
-    explicit CMapCoder(uint8_t* pMap) : m_pMap(pMap) {}
-
-    // Element 0 of the first coded plane, after `skipped` matching slots of the leading planes
-    // that are not coded. When it is a non-match those slots become a run code at once, which
-    // stands for the non-match too.
-    void First(bool match, size_t skipped)
+    // Codes the map of `slots` coded slots (at least one) into pMap; bit i of pMatches[i / 64] is
+    // slot i's match bit, and two words after the last one must be readable. `skipped` matching
+    // slots of the leading planes that are not coded come before slot 0. Returns the map's size.
+    size_t Code(const uint64_t* pMatches, size_t slots, size_t skipped, uint8_t* pMap)
     {
-        if (match) {
-            m_aRunOfMatches = true;
-            m_cnt = skipped + 1;
+        m_pBits = pMatches;
+        m_slots = slots;
+        m_pMap = pMap;
+        m_size = 0;
+        size_t p = 0;
+        if (Bit(0)) {
+            // The skipped slots and the matches after them make one run.
+            const size_t ones = Ones(0);
+            p = EndRun(skipped + ones, ones);
         } else if (skipped > 0) {
-            m_cnt = skipped;
-            WriteRunCode();
+            // Slot 0 ends the run of skipped slots at once, even a short one.
+            WriteRunCode(skipped);
+            p = 1;
         } else {
-            m_cnt = 0x10; // this non-match took bit 5
+            p = Group(0);
         }
-    }
-
-    void Next(bool match)
-    {
-        if (m_aRunOfMatches) {
-            if (match)
-                ++m_cnt;
-            else
-                EndRun();
-            return;
-        }
-        if (m_atBoundary) {
-            m_atBoundary = false;
-            if (match) {
-                m_aRunOfMatches = true;
-                m_cnt = 1;
+        while (p < m_slots) {
+            if (Bit(p)) {
+                const size_t ones = Ones(p);
+                p = EndRun(ones, p + ones);
             } else {
-                m_cnt = 0x10;
+                p = Group(p);
             }
-            return;
         }
-        if (match)
-            m_group |= uint8_t(m_cnt);
-        m_cnt >>= 1;
-        if (m_cnt == 0)
-            CloseGroup();
+        // At the end of a run code whose long form left a remainder, an empty group closes the map.
+        if (p == m_slots && m_remainder != 0)
+            Put(0);
+        return m_size;
     }
 
-    // `count` (at most 64) slots at once, bit i of `matches` for the i-th: the same entries as
-    // that many calls of Next, with runs of matches counted by bit scans and the rest of a group
-    // filled in one step.
-    void NextSlots(uint64_t matches, unsigned count)
-    {
-        while (count != 0) {
-            if (m_aRunOfMatches) {
-                const uint64_t ended = ~matches & LowBits(count);
-                if (ended == 0) {
-                    m_cnt += count;
-                    return;
-                }
-                const unsigned run = unsigned(__builtin_ctzll(ended));
-                m_cnt += run;
-                EndRun();
-                matches = Shift(matches, run + 1);
-                count -= run + 1;
-                continue;
-            }
-            if (m_atBoundary && count >= 6 && (matches & 1) == 0) {
-                // A non-match at a boundary opens a group with it as bit 5: the whole group at once.
-                m_atBoundary = false;
-                m_group = REVERSED6[matches & 0x3F];
-                m_cnt = 0;
-                CloseGroup();
-                matches >>= 6;
-                count -= 6;
-                continue;
-            }
-            // The group's open bits, from m_cnt down to bit 0, take the next slots in order.
-            const unsigned open = m_atBoundary || m_cnt == 0 ? 0 : unsigned(64 - __builtin_clzll(m_cnt));
-            if (open == 0 || open > count) {
-                Next(matches & 1);
-                matches >>= 1;
-                --count;
-                continue;
-            }
-            m_group |= uint8_t(REVERSED6[matches & LowBits(open)] >> (6 - open));
-            m_cnt = 0;
-            CloseGroup();
-            matches = Shift(matches, open);
-            count -= open;
-        }
-    }
-
-    // Closes the map after the last slot: an open run becomes a run code (with no non-match
-    // after it); otherwise a group that has been started, or a boundary with a run-code
-    // remainder in m_cnt, is written as it stands.
-    void Finish()
-    {
-        if (m_aRunOfMatches) {
-            WriteRunCode();
-        } else if (m_cnt != 0) {
-            FlushNonMatches();
-            PutGroup();
-        }
-    }
-
-    size_t Size() const { return m_size; }
     // A run longer than a long run code can hold (only in segments above 4096 bytes).
     bool RunTooLong() const { return m_runTooLong; }
 
@@ -129,83 +100,110 @@ private:
         0x01, 0x21, 0x11, 0x31, 0x09, 0x29, 0x19, 0x39, 0x05, 0x25, 0x15, 0x35, 0x0D, 0x2D, 0x1D, 0x3D,
         0x03, 0x23, 0x13, 0x33, 0x0B, 0x2B, 0x1B, 0x3B, 0x07, 0x27, 0x17, 0x37, 0x0F, 0x2F, 0x1F, 0x3F};
 
-    static uint64_t Shift(uint64_t bits, unsigned count) { return count >= 64 ? 0 : bits >> count; }
+    bool Bit(size_t p) const { return m_pBits[p / 64] >> (p % 64) & 1; }
 
-    // A full group: all-zero groups are held back and the coder stays in group mode.
-    void CloseGroup()
+    // The 64 match bits from slot p on, slot p in bit 0 (bits past the last slot are garbage).
+    uint64_t Window(size_t p) const
     {
-        if (m_group == 0) {
-            m_nonMatchCnt += 6;
-            m_cnt = 0x20;
-        } else {
-            FlushNonMatches();
-            PutGroup();
-            m_atBoundary = true;
-        }
+        const unsigned shift = unsigned(p % 64);
+        const uint64_t low = m_pBits[p / 64] >> shift;
+        return shift == 0 ? low : low | m_pBits[p / 64 + 1] << (64 - shift);
     }
 
-    // A run ended by a non-match. Runs of 1 to 5 fold into a group: the matches from bit 5 down,
-    // then the non-match as a 0 bit.
-    void EndRun()
+    // The length of the run of matches (or non-matches) from slot p, up to the last slot.
+    size_t Ones(size_t p) const { return RunFrom(p, ~uint64_t(0)); }
+    size_t Zeros(size_t p) const { return RunFrom(p, 0); }
+    size_t RunFrom(size_t p, uint64_t flip) const
+    {
+        size_t q = p;
+        while (q < m_slots) {
+            const uint64_t other = Window(q) ^ flip;
+            if (other != 0) {
+                q += unsigned(__builtin_ctzll(other));
+                break;
+            }
+            q += 64;
+        }
+        return (q < m_slots ? q : m_slots) - p;
+    }
+
+    // A run of `run` matches that ends before slot p (or at the last slot). Runs of 1 to 5 fold
+    // into a group: the matches from bit 5 down, then the non-match as a 0 bit, then the slots
+    // after it. Returns the slot after the entry.
+    size_t EndRun(size_t run, size_t p)
     {
         static const uint8_t FOLDED_GROUP[5] = {0, 0x20, 0x30, 0x38, 0x3C};
-        static const uint8_t NEXT_BIT[5] = {0, 0x08, 0x04, 0x02, 0x01};
-        m_aRunOfMatches = false;
-        if (m_cnt < 5) {
-            m_group = FOLDED_GROUP[m_cnt];
-            m_cnt = NEXT_BIT[m_cnt];
-        } else if (m_cnt == 5) {
+        if (p == m_slots) {
+            WriteRunCode(run); // an open run at the end: no non-match follows
+            m_remainder = 0;
+            return p;
+        }
+        if (run < 5) {
+            // The group may be cut short by the map's end: it is then written as it stands.
+            const size_t left = m_slots - (p + 1);
+            const unsigned width = left < 5 - run ? unsigned(left) : unsigned(5 - run);
+            Put(uint8_t(FOLDED_GROUP[run] | (REVERSED6[Window(p + 1) & LowBits(width)] >> (run + 1))));
+            m_remainder = 0;
+            return p + 1 + width;
+        }
+        if (run == 5) {
             Put(0x3E);
-            m_cnt = 0;
-            m_atBoundary = true;
+            m_remainder = 0;
         } else {
-            WriteRunCode();
+            WriteRunCode(run);
         }
+        return p + 1;
     }
 
-    // The long forms subtract their base from m_cnt; the remainder stays there until the next
-    // element, and decides whether Finish writes a last group byte.
-    void WriteRunCode()
+    // A group from slot p, whose slot is a non-match or follows an all-zero group. All-zero groups
+    // are counted and held back until a group with a match (or the map's end) comes.
+    size_t Group(size_t p)
     {
-        if (m_cnt < 64) {
-            Put(uint8_t(0x80 | m_cnt));
-        } else if (m_cnt < 96) {
-            m_cnt -= 64;
-            Put(uint8_t(0xC0 | m_cnt));
-        } else {
-            m_cnt -= 96;
-            m_runTooLong |= m_cnt > 0x1FFF;
-            Put(uint8_t(0xE0 | (m_cnt >> 8)));
-            Put(uint8_t(m_cnt));
+        size_t heldBack = 0;
+        const size_t zeros = Zeros(p);
+        if (zeros >= 6) {
+            heldBack = zeros - zeros % 6;
+            p += heldBack;
         }
-        m_atBoundary = true;
-    }
-
-    void FlushNonMatches()
-    {
-        for (; m_nonMatchCnt > 63; m_nonMatchCnt -= 63)
+        const size_t left = m_slots - p;
+        const unsigned width = left < 6 ? unsigned(left) : 6;
+        const uint8_t group = REVERSED6[Window(p) & LowBits(width)];
+        for (; heldBack > 63; heldBack -= 63)
             Put(0x7F);
-        if (m_nonMatchCnt != 0)
-            Put(uint8_t(0x40 | m_nonMatchCnt));
-        m_nonMatchCnt = 0;
+        if (heldBack != 0)
+            Put(uint8_t(0x40 | heldBack));
+        Put(group);
+        m_remainder = 0;
+        return p + width;
     }
 
-    void PutGroup()
+    // The long forms subtract their base; what is left decides whether the map closes with an
+    // empty group when no slot follows.
+    void WriteRunCode(size_t run)
     {
-        Put(m_group);
-        m_group = 0;
+        if (run < 64) {
+            Put(uint8_t(0x80 | run));
+            m_remainder = run;
+        } else if (run < 96) {
+            Put(uint8_t(0xC0 | (run - 64)));
+            m_remainder = run - 64;
+        } else {
+            const size_t rest = run - 96;
+            m_runTooLong |= rest > 0x1FFF;
+            Put(uint8_t(0xE0 | (rest >> 8)));
+            Put(uint8_t(rest));
+            m_remainder = rest;
+        }
     }
 
     // Every entry covers at least six slots except a bounded few, so a segment's map stays far
     // below the staging array's size.
     void Put(uint8_t entry) { m_pMap[m_size++] = entry; }
 
-    uint8_t* m_pMap;
+    const uint64_t* m_pBits = nullptr;
+    size_t m_slots = 0;
+    uint8_t* m_pMap = nullptr;
     size_t m_size = 0;
-    bool m_aRunOfMatches = false;
-    bool m_atBoundary = false;
+    size_t m_remainder = 0;
     bool m_runTooLong = false;
-    size_t m_cnt = 0;
-    uint8_t m_group = 0;
-    size_t m_nonMatchCnt = 0;
 };

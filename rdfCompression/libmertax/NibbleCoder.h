@@ -1,100 +1,178 @@
 // Writes a segment's non-match nibble stream, two nibbles to a byte, high half first. Repeats of
 // one nibble are run-length coded with the plane's escape nibble (the bias's own nibble, which no
 // non-match can equal): v E n stands for n slots of v, and v E E h l for 16 to 255.
+//
+// The coder works run by run, not nibble by nibble. Outside runs of three or more the stream
+// repeats its input (a pair is written as its literal twice), so a plane's nibbles are copied in
+// stretches up to the next run of three, found by bit scans of a mask of "equals the one before".
+// The stream is staged one nibble per byte and packed into bytes once, at the end.
 #pragma once
 
 #include "BitOps.h"
 #include "ByteAccess.h"
+#include "SegmentFormat.h"
 
 #include <cstddef>
 #include <cstdint>
+#include <cstring>
+
+#ifdef __SSE2__
+#include <emmintrin.h>
+#endif
 
 class CNibbleCoder
 {
 public:
-    // Bytes past writeLimit are counted but not stored: a stream that long loses to the stored
-    // form, whose length is all the output is guaranteed to hold.
-    CNibbleCoder(uint8_t* pOut, size_t writeLimit, uint8_t firstEscape)
-        : m_pOut(pOut), m_writeLimit(writeLimit), m_lastNM(firstEscape)
-    {
-    }
+    // The most non-match nibbles one plane can hand over: one per slot.
+    static constexpr size_t MAX_PLANE_NIBBLES = MAX_SEGMENT_DATA;
+    // Readable bytes a plane's nibbles need past their count: they are read 64 at a time.
+    static constexpr size_t INPUT_SLACK = 64;
 
-    void NonMatch(uint8_t nibble, uint8_t escape)
+    explicit CNibbleCoder(uint8_t firstEscape) : m_lastNM(firstEscape) {}
+
+    // Codes the `count` non-match nibbles of one plane (one per byte) and closes the plane's last
+    // run with its escape. A run may go on from the previous plane's last literal, counted from 1.
+    void Plane(const uint8_t* pNibbles, size_t count, uint8_t escape)
     {
-        if (nibble == m_lastNM && m_nmRunLength < NM_RUN_LENGTH_MAX) {
-            ++m_nmRunLength;
+        if (count == 0) {
+            Flush(escape);
             return;
         }
-        // A single literal owes nothing; only repeats need their run code.
-        if (m_nmRunLength > 1)
+        uint64_t same[MAX_PLANE_NIBBLES / 64 + 1];
+        const size_t words = MarkRepeats(pNibbles, count, same);
+        size_t i = 0;
+        if (same[0] & 1) {
+            // The plane opens with the open run's nibble: those slots only lengthen the run.
+            const size_t lead = NextZero(same, words, 0);
+            const size_t taken = lead < NM_RUN_LENGTH_MAX - m_nmRunLength ? lead : NM_RUN_LENGTH_MAX - m_nmRunLength;
+            m_nmRunLength += unsigned(taken);
             Flush(escape);
-        Put(nibble);
-        m_lastNM = nibble;
+            i = taken;
+        }
+        // From i on, runs start afresh (i is never inside a run begun before it): the first "third
+        // in a row" at or after i + 2 is the third nibble of the next run of three or more.
+        for (;;) {
+            const size_t third = NextTriple(same, words, i + 2);
+            if (third >= count)
+                break;
+            const size_t start = third - 2;
+            CopyLiterals(pNibbles + i, start + 1 - i);
+            m_lastNM = pNibbles[start];
+            const size_t end = NextZero(same, words, third); // never past count: those bits are clear
+            size_t length = end - start;
+            // A run is capped at 255; the next slot starts a new run with its literal.
+            for (; length > NM_RUN_LENGTH_MAX; length -= NM_RUN_LENGTH_MAX) {
+                m_nmRunLength = NM_RUN_LENGTH_MAX;
+                Flush(escape);
+                Put(m_lastNM);
+            }
+            m_nmRunLength = unsigned(length);
+            Flush(escape);
+            i = end;
+        }
+        if (i < count) {
+            CopyLiterals(pNibbles + i, count - i);
+            m_lastNM = pNibbles[count - 1];
+        }
         m_nmRunLength = 1;
     }
 
-    // The nibbles of `count` non-match slots of one plane, one per byte. Where no three nibbles in
-    // a row are equal, every run is one or two long, and a run of two is written as its literal
-    // twice: the nibbles then go into the stream as they stand, eight at a time.
-    void NonMatches(const uint8_t* pNibbles, size_t count, uint8_t escape)
+    // Closes the stream (lastEscape is the bias's lowest nibble) and packs it into pOut, of which
+    // only the first writeLimit bytes are written: a longer stream loses to the stored form.
+    // Returns the stream's length in bytes. The closing nibbles are never read back but belong to
+    // the stream; a nibble left in a low half at the very end is not part of it.
+    size_t Finish(uint8_t lastEscape, uint8_t* pOut, size_t writeLimit)
     {
-        size_t i = 0;
-        while (i + 8 <= count) {
-            const uint64_t x = LoadLE<uint64_t>(pNibbles + i);
-            // Byte j of `same`: nibble j equals the one before it (the last literal for j = 0).
-            const uint64_t same = ZeroBytes(x ^ (x << 8 | m_lastNM));
-            const bool continuesRun = same & 0x80;
-            if (same == 0x8080808080808080ull && m_nmRunLength + 8 <= NM_RUN_LENGTH_MAX) {
-                // All eight repeat the run's nibble.
-                m_nmRunLength += 8;
-                i += 8;
-                continue;
-            }
-            // A third in a row, here or with the open run, takes the nibble-by-nibble path; so
-            // does a first nibble that would only count (no literal yet, before any other).
-            if ((same & same << 8) != 0 || (continuesRun && m_nmRunLength != 1)) {
-                for (size_t end = i + 8; i < end; ++i)
-                    NonMatch(pNibbles[i], escape);
-                continue;
-            }
-            if (!continuesRun && m_nmRunLength > 1)
-                Flush(escape);
-            // A pair at the end stays open: its second nibble is owed as the run's flush.
-            const bool pairAtEnd = same >> 63;
-            PutNibbles(x, pairAtEnd ? 7 : 8);
-            m_lastNM = uint8_t(x >> 56);
-            m_nmRunLength = pairAtEnd ? 2 : 1;
-            i += 8;
-        }
-        for (; i < count; ++i)
-            NonMatch(pNibbles[i], escape);
-    }
-
-    // A run is closed with the escape of its plane; it may go on in the next plane, counted from 1.
-    void EndPlane(uint8_t escape) { Flush(escape); }
-
-    // Closes the stream; lastEscape is the bias's lowest nibble. The closing nibbles are never
-    // read back but belong to the stream's bytes.
-    void Finish(uint8_t lastEscape)
-    {
-        if (m_pending) {
+        if (m_staged % 2 != 0) {
             if (lastEscape == m_lastNM && m_nmRunLength < NM_RUN_LENGTH_MAX) {
                 // lastEscape would only lengthen the run and write nothing: the pending data
-                // nibble still has to reach the stream.
-                PutByte(uint8_t(m_nmNibWIP << 4));
-                return;
+                // nibble still has to reach the stream, in a byte of its own.
+                Put(0);
+                return Pack(pOut, writeLimit);
             }
             Flush(lastEscape);
             Put(lastEscape);
         }
-        if (m_nmNibWIP != lastEscape)
-            PutByte(uint8_t(m_nmNibWIP << 4));
+        // The nibble last placed in a high half goes out once more, in a byte of its own, unless
+        // it is the escape.
+        const uint8_t highHalf = m_staged == 0 ? 0 : m_aStaged[(m_staged - 1) & ~size_t(1)];
+        if (highHalf != lastEscape) {
+            if (m_staged % 2 == 0)
+                Put(highHalf);
+            Put(0);
+        }
+        return Pack(pOut, writeLimit);
     }
-
-    size_t Size() const { return m_bytes; }
 
 private:
     static constexpr unsigned NM_RUN_LENGTH_MAX = 255;
+
+    // Bit j of same[j / 64]: nibble j equals the one before it (nibble 0: the last literal).
+    // Bits from `count` on are clear. Returns the number of words.
+    size_t MarkRepeats(const uint8_t* pNibbles, size_t count, uint64_t* pSame) const
+    {
+        const size_t words = (count + 63) / 64;
+        size_t w = 0;
+        do { // count is at least 1
+            const uint8_t* p = pNibbles + 64 * w;
+            const uint8_t before = w == 0 ? m_lastNM : p[-1];
+            uint64_t bits = 0;
+#ifdef __SSE2__
+            // Sixteen at a time: each 16-byte row against the same row one byte back.
+            for (unsigned k = 0; k < 4; ++k) {
+                const __m128i row = _mm_loadu_si128(reinterpret_cast<const __m128i*>(p + 16 * k));
+                const __m128i back = _mm_or_si128(_mm_slli_si128(row, 1),
+                                                  _mm_cvtsi32_si128(k == 0 ? before : p[16 * k - 1]));
+                bits |= uint64_t(unsigned(_mm_movemask_epi8(_mm_cmpeq_epi8(row, back)))) << (16 * k);
+            }
+#else
+            for (unsigned k = 0; k < 8; ++k) {
+                const uint64_t row = LoadLE<uint64_t>(p + 8 * k);
+                const uint64_t back = row << 8 | (k == 0 ? before : p[8 * k - 1]);
+                const uint64_t equal = ZeroBytes(row ^ back);
+                bits |= ((equal >> 7) * 0x0102040810204080ull >> 56) << (8 * k);
+            }
+#endif
+            pSame[w] = bits;
+        } while (++w < words);
+        if (count % 64 != 0)
+            pSame[words - 1] &= LowBits(unsigned(count % 64));
+        return words;
+    }
+
+    // The first position at or after `from` whose bit is clear (words * 64 when none is).
+    static size_t NextZero(const uint64_t* pSame, size_t words, size_t from)
+    {
+        for (size_t w = from / 64; w < words; ++w) {
+            const uint64_t clear = ~pSame[w] & (w == from / 64 ? ~LowBits(unsigned(from % 64)) : ~uint64_t(0));
+            if (clear != 0)
+                return 64 * w + unsigned(__builtin_ctzll(clear));
+        }
+        return 64 * words;
+    }
+
+    // The first position at or after `from` that is the third of three equal nibbles in a row.
+    static size_t NextTriple(const uint64_t* pSame, size_t words, size_t from)
+    {
+        for (size_t w = from / 64; w < words; ++w) {
+            const uint64_t carry = w == 0 ? 0 : pSame[w - 1] >> 63;
+            uint64_t triple = pSame[w] & (pSame[w] << 1 | carry);
+            if (w == from / 64)
+                triple &= ~LowBits(unsigned(from % 64));
+            if (triple != 0)
+                return 64 * w + unsigned(__builtin_ctzll(triple));
+        }
+        return 64 * words;
+    }
+
+    // Literals go in as they stand, sixteen bytes at a time: the staging area has room past its
+    // end and the input is readable past its count.
+    void CopyLiterals(const uint8_t* pNibbles, size_t count)
+    {
+        for (size_t k = 0; k < count; k += 16)
+            std::memcpy(m_aStaged + m_staged + k, pNibbles + k, 16);
+        m_staged += count;
+    }
 
     void Flush(uint8_t escape)
     {
@@ -118,54 +196,32 @@ private:
         m_nmRunLength = 1;
     }
 
-    void Put(uint8_t nibble)
+    void Put(uint8_t nibble) { m_aStaged[m_staged++] = nibble; }
+
+    // Two staged nibbles to a byte, eight at a time: each 16-bit lane's pair into its low byte,
+    // then the lanes closed up.
+    size_t Pack(uint8_t* pOut, size_t writeLimit)
     {
-        if (!m_pending) {
-            m_nmNibWIP = nibble;
-            m_pending = true;
-        } else {
-            PutByte(uint8_t(m_nmNibWIP << 4 | nibble));
-            m_pending = false;
+        const size_t bytes = m_staged / 2;
+        const size_t stored = bytes < writeLimit ? bytes : writeLimit;
+        size_t k = 0;
+        for (; k + 4 <= stored; k += 4) {
+            const uint64_t x = LoadLE<uint64_t>(m_aStaged + 2 * k);
+            uint64_t v = ((x << 4) | (x >> 8)) & 0x00FF00FF00FF00FFull;
+            v = (v | v >> 8) & 0x0000FFFF0000FFFFull;
+            StoreLE<uint32_t>(pOut + k, uint32_t(v | v >> 16));
         }
+        for (; k < stored; ++k)
+            pOut[k] = uint8_t(m_aStaged[2 * k] << 4 | m_aStaged[2 * k + 1]);
+        return bytes;
     }
 
-    // Seven or eight nibbles, the low `count` bytes of x, lowest first. With the pending high
-    // nibble in front they make up to nine: four bytes are packed at once and the odd one out
-    // stays pending.
-    void PutNibbles(uint64_t x, unsigned count)
-    {
-        const bool wasPending = m_pending;
-        const uint64_t sequence = wasPending ? (x << 8 | m_nmNibWIP) : x;
-        const unsigned nibbles = count + wasPending;
-        // Each 16-bit lane's two nibbles into its low byte, then the lanes closed up.
-        uint64_t v = ((sequence << 4) | (sequence >> 8)) & 0x00FF00FF00FF00FFull;
-        v = (v | v >> 8) & 0x0000FFFF0000FFFFull;
-        const uint32_t packed = uint32_t(v | v >> 16);
-        const unsigned bytes = nibbles >= 8 ? 4 : 3;
-        if (m_bytes + 4 <= m_writeLimit) {
-            StoreLE<uint32_t>(m_pOut + m_bytes, packed); // a fourth byte past `bytes` is rewritten later
-            m_bytes += bytes;
-        } else {
-            for (unsigned k = 0; k < bytes; ++k)
-                PutByte(uint8_t(packed >> (8 * k)));
-        }
-        // The last nibble that went into a high half, and the one left pending.
-        m_pending = nibbles % 2 != 0;
-        m_nmNibWIP = uint8_t(m_pending ? x >> (8 * (count - 1)) : sequence >> 48);
-    }
+    // Every run codes to no more nibbles than it has slots, so the stream stays within one nibble
+    // per coded slot, plus the closing ones and the copies' overrun.
+    static constexpr size_t MAX_STAGED = 2 * MAX_SEGMENT_DATA + 64;
 
-    void PutByte(uint8_t byte)
-    {
-        if (m_bytes < m_writeLimit)
-            m_pOut[m_bytes] = byte;
-        ++m_bytes;
-    }
-
-    uint8_t* m_pOut;
-    size_t m_writeLimit;
-    size_t m_bytes = 0;
+    uint8_t m_aStaged[MAX_STAGED];
+    size_t m_staged = 0;
     uint8_t m_lastNM;
     unsigned m_nmRunLength = 0;
-    uint8_t m_nmNibWIP = 0; // the nibble last placed in a high half
-    bool m_pending = false;
 };

@@ -103,14 +103,14 @@ size_t COptimalBiasDulo::Deflate(uint8_t* pUncData, const uint16_t& segSize, T s
     const size_t dataBytes = reduced ? segSize / 2 : segSize;
     const size_t storedLength = 4 + (dataBytes == STD_SEGSIZE ? 0 : 2) + dataBytes;
 
-    uint8_t cmpMap[WORST_CASE_COMP_MAP_SIZE];
-    CMapCoder map(cmpMap);
     const unsigned firstShift = 4 * (PLANES - 1 - skippedPlanes);
-    CNibbleCoder nibbles(pCmpBuff + hdrBytes, storedLength > hdrBytes ? storedLength - hdrBytes : 0,
-                         uint8_t((bias >> firstShift) & 0xF));
+    CNibbleCoder nibbles(uint8_t((bias >> firstShift) & 0xF));
     const size_t skippedSlots = (reduced ? skippedPlanes - 2 : skippedPlanes) * elems;
+    // Match bits of every coded slot, plane after plane; the map is coded from them at the end.
+    uint64_t matchWords[2 * MAX_SEGMENT_DATA / 64 + 2];
+    CMatchBits matchBits(matchWords);
     // A plane's non-match nibbles are gathered here and coded together at the plane's end.
-    uint8_t planeNibbles[MAX_SEGMENT_DATA + 16];
+    uint8_t planeNibbles[CNibbleCoder::MAX_PLANE_NIBBLES + CNibbleCoder::INPUT_SLACK];
     const SlotClassifyFn classify = ActiveKernels().classify;
 
     for (unsigned plane = skippedPlanes; plane < PLANES; ++plane) {
@@ -120,47 +120,35 @@ size_t COptimalBiasDulo::Deflate(uint8_t* pUncData, const uint16_t& segSize, T s
         const uint8_t escape = uint8_t(biasNib >> nibShift);
         const NibbleExtractor extract = EXTRACTORS<T>[nibShift / 4];
         size_t nonMatchCount = 0;
-        size_t e = 0;
-        if (plane == skippedPlanes) {
-            const T value = LoadLE<T>(pUncData);
-            const bool match = (value & biasNibMask) == biasNib;
-            map.First(match, skippedSlots);
-            if (!match)
-                planeNibbles[nonMatchCount++] = uint8_t((value >> nibShift) & 0xF);
-            e = 1;
-        }
-        // Slots are classified 64 at a time into a mask of matches; the map coder takes the mask
-        // whole and the non-matches' nibbles are gathered in slot order. A whole block first has
-        // its nibbles taken out, one per byte, which every cell size then tests alike.
-        while (e < elems) {
+        // Slots are classified 64 at a time into a mask of matches, and the non-matches' nibbles
+        // gathered in slot order. A whole block first has its nibbles taken out, one per byte,
+        // which every cell size then tests alike.
+        for (size_t e = 0; e < elems; e += 64) {
             const unsigned count = unsigned(std::min<size_t>(64, elems - e));
             const uint8_t* pCells = pUncData + e * sizeof(T);
+            uint64_t matches = 0;
             if (count == 64) {
                 uint8_t blockNibbles[64];
                 extract(pCells, blockNibbles);
-                uint64_t matches;
                 nonMatchCount += classify(blockNibbles, escape, planeNibbles + nonMatchCount, &matches);
-                map.NextSlots(matches, 64);
             } else {
-                uint64_t matches = 0;
                 for (unsigned i = 0; i < count; ++i)
                     matches |= uint64_t((LoadLE<T>(pCells + i * sizeof(T)) & biasNibMask) == biasNib) << i;
-                map.NextSlots(matches, count);
                 for (uint64_t nonMatches = ~matches & LowBits(count); nonMatches != 0; nonMatches &= nonMatches - 1) {
                     const unsigned i = unsigned(__builtin_ctzll(nonMatches));
                     planeNibbles[nonMatchCount++] = uint8_t((LoadLE<T>(pCells + i * sizeof(T)) >> nibShift) & 0xF);
                 }
             }
-            e += count;
+            matchBits.Append(matches, count);
         }
-        nibbles.NonMatches(planeNibbles, nonMatchCount, escape);
-        nibbles.EndPlane(escape);
+        nibbles.Plane(planeNibbles, nonMatchCount, escape);
     }
-    nibbles.Finish(uint8_t(bias & 0xF));
-    map.Finish();
 
-    const size_t nonMatchLength = nibbles.Size();
-    const size_t mapSize = map.Size();
+    uint8_t cmpMap[WORST_CASE_COMP_MAP_SIZE];
+    CMapCoder map;
+    const size_t mapSize = map.Code(matchWords, matchBits.Close(), skippedSlots, cmpMap);
+    const size_t nonMatchLength =
+        nibbles.Finish(uint8_t(bias & 0xF), pCmpBuff + hdrBytes, storedLength > hdrBytes ? storedLength - hdrBytes : 0);
     if (m_debugCompression > 10)
         HexDump("Compressed map", cmpMap, mapSize);
     const size_t compressedLength = hdrBytes + nonMatchLength + mapSize;
