@@ -75,14 +75,29 @@ public:
         } else {
             p = Group(0);
         }
-        while (p < m_slots) {
-            if (Bit(p)) {
-                const size_t ones = Ones(p);
-                p = EndRun(ones, p + ones);
-            } else {
-                p = Group(p);
+        // At a boundary, six slots that are neither all matches nor all non-matches make one group
+        // entry whatever the slot first: a run of 1 to 5 matches folds into exactly that group, and
+        // 0x3E is the group of five matches and a non-match. Such groups are taken straight from
+        // a 64-slot window; runs of six or more matches and all-zero groups go the long way.
+        while (m_slots - p >= 64) {
+            const uint64_t window = Window(p);
+            uint8_t* pOut = m_pMap + m_size;
+            unsigned used = 0;
+            for (; used <= 58; used += 6) {
+                const unsigned group = unsigned(window >> used) & 0x3F;
+                if (group == 0 || group == 0x3F)
+                    break;
+                *pOut++ = REVERSED6[group];
             }
+            m_size = size_t(pOut - m_pMap);
+            if (used != 0)
+                m_remainder = 0;
+            p += used;
+            if (used <= 58)
+                p = Entry(p);
         }
+        while (p < m_slots)
+            p = Entry(p);
         // At the end of a run code whose long form left a remainder, an empty group closes the map.
         if (p == m_slots && m_remainder != 0)
             Put(0);
@@ -125,6 +140,15 @@ private:
             q += 64;
         }
         return (q < m_slots ? q : m_slots) - p;
+    }
+
+    // The entry at the boundary before slot p; returns the slot after it.
+    size_t Entry(size_t p)
+    {
+        if (!Bit(p))
+            return Group(p);
+        const size_t ones = Ones(p);
+        return EndRun(ones, p + ones);
     }
 
     // A run of `run` matches that ends before slot p (or at the last slot). Runs of 1 to 5 fold
