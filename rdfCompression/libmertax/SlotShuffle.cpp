@@ -86,28 +86,45 @@ __attribute__((target("ssse3,popcnt"))) size_t SpreadSlotsSsse3(uint64_t bits, c
     return taken;
 }
 
+// Packs the bytes of `slots` whose bits (of 16) are set to pOut and returns how many: the low
+// eight slots into the low half, the high eight (indices 8 on) into the high half, each half
+// stored where the bytes before it end.
+__attribute__((target("ssse3,popcnt"))) inline unsigned GatherSixteen(unsigned bits, __m128i slots, uint8_t* pOut)
+{
+    const unsigned low = bits & 0xFF;
+    const unsigned high = bits >> 8;
+    const __m128i order = _mm_set_epi64x(int64_t(GATHER_ORDERS[high] + EIGHT), int64_t(GATHER_ORDERS[low]));
+    const __m128i packed = _mm_shuffle_epi8(slots, order);
+    const unsigned lowCount = unsigned(__builtin_popcount(low));
+    _mm_storel_epi64(reinterpret_cast<__m128i*>(pOut), packed);
+    _mm_storel_epi64(reinterpret_cast<__m128i*>(pOut + lowCount), _mm_unpackhi_epi64(packed, packed));
+    return lowCount + unsigned(__builtin_popcount(high));
+}
+
 __attribute__((target("ssse3,popcnt"))) size_t GatherSlotsSsse3(uint64_t bits, const uint8_t* pSlots, uint8_t* pOut)
 {
     size_t put = 0;
-    for (unsigned block = 0; block < 4; ++block, bits >>= 16) {
-        const unsigned low = unsigned(bits & 0xFF);
-        const unsigned high = unsigned(bits >> 8) & 0xFF;
-        // The low eight slots pack into the low half, the high eight (indices 8 on) into the high
-        // half; each half is stored where the bytes before it end.
-        const __m128i order = _mm_set_epi64x(int64_t(GATHER_ORDERS[high] + EIGHT), int64_t(GATHER_ORDERS[low]));
-        const __m128i slots = _mm_loadu_si128(reinterpret_cast<const __m128i*>(pSlots + 16 * block));
-        const __m128i packed = _mm_shuffle_epi8(slots, order);
-        _mm_storel_epi64(reinterpret_cast<__m128i*>(pOut + put), packed);
-        put += unsigned(__builtin_popcount(low));
-        _mm_storel_epi64(reinterpret_cast<__m128i*>(pOut + put), _mm_unpackhi_epi64(packed, packed));
-        put += unsigned(__builtin_popcount(high));
-    }
+    for (unsigned block = 0; block < 4; ++block, bits >>= 16)
+        put += GatherSixteen(unsigned(bits & 0xFFFF),
+                             _mm_loadu_si128(reinterpret_cast<const __m128i*>(pSlots + 16 * block)), pOut + put);
     return put;
 }
 
-size_t ClassifySlotsSsse3(const uint8_t* pSlots, uint8_t nibble, uint8_t* pOut, uint64_t* pMatches)
+// Sixteen slots at a time: one compare gives their match bits, and the others are gathered from
+// the same register.
+__attribute__((target("ssse3,popcnt"))) size_t ClassifySlotsSsse3(const uint8_t* pSlots, uint8_t nibble,
+                                                                   uint8_t* pOut, uint64_t* pMatches)
 {
-    *pMatches = MatchMask64(pSlots, nibble);
-    return GatherSlotsSsse3(~*pMatches, pSlots, pOut);
+    const __m128i target = _mm_set1_epi8(char(nibble));
+    uint64_t matches = 0;
+    size_t put = 0;
+    for (unsigned block = 0; block < 4; ++block) {
+        const __m128i slots = _mm_loadu_si128(reinterpret_cast<const __m128i*>(pSlots + 16 * block));
+        const unsigned match = unsigned(_mm_movemask_epi8(_mm_cmpeq_epi8(slots, target)));
+        matches |= uint64_t(match) << (16 * block);
+        put += GatherSixteen(~match & 0xFFFF, slots, pOut + put);
+    }
+    *pMatches = matches;
+    return put;
 }
 #endif
