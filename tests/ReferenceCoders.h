@@ -157,6 +157,7 @@ public:
     }
 
     const std::vector<uint8_t>& Stream() const { return m_stream; }
+    uint8_t LastNibble() const { return m_lastNM; }
 
 private:
     void Flush(uint8_t escape)

@@ -130,16 +130,18 @@ private:
     size_t Zeros(size_t p) const { return RunFrom(p, 0); }
     size_t RunFrom(size_t p, uint64_t flip) const
     {
-        size_t q = p;
-        while (q < m_slots) {
-            const uint64_t other = Window(q) ^ flip;
-            if (other != 0) {
-                q += unsigned(__builtin_ctzll(other));
-                break;
-            }
-            q += 64;
+        // The rest of p's word (the shift brings in zeros, which end nothing), then whole words.
+        size_t w = p / 64;
+        uint64_t other = (m_pBits[w] ^ flip) >> (p % 64);
+        size_t end = p;
+        while (other == 0) {
+            end = 64 * ++w;
+            if (end >= m_slots)
+                return m_slots - p;
+            other = m_pBits[w] ^ flip;
         }
-        return (q < m_slots ? q : m_slots) - p;
+        end += unsigned(__builtin_ctzll(other));
+        return (end < m_slots ? end : m_slots) - p;
     }
 
     // The entry at the boundary before slot p; returns the slot after it.

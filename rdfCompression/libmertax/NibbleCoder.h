@@ -25,21 +25,26 @@ class CNibbleCoder
 public:
     // The most non-match nibbles one plane can hand over: one per slot.
     static constexpr size_t MAX_PLANE_NIBBLES = MAX_SEGMENT_DATA;
-    // Readable bytes a plane's nibbles need past their count: they are read 64 at a time.
-    static constexpr size_t INPUT_SLACK = 64;
+    // Bytes of the plane buffer that may be written past a plane's nibbles.
+    static constexpr size_t PLANE_SLACK = 16;
 
     explicit CNibbleCoder(uint8_t firstEscape) : m_lastNM(firstEscape) {}
 
-    // Codes the `count` non-match nibbles of one plane (one per byte) and closes the plane's last
-    // run with its escape. A run may go on from the previous plane's last literal, counted from 1.
-    void Plane(const uint8_t* pNibbles, size_t count, uint8_t escape)
+    // Where a plane's non-match nibbles are to be put, one per byte, before Plane codes them:
+    // room for MAX_PLANE_NIBBLES + PLANE_SLACK.
+    uint8_t* PlaneNibbles() { return m_aPlane + 16; }
+
+    // Codes the `count` non-match nibbles put at PlaneNibbles() and closes the plane's last run
+    // with its escape. A run may go on from the previous plane's last literal, counted from 1.
+    void Plane(size_t count, uint8_t escape)
     {
         if (count == 0) {
             Flush(escape);
             return;
         }
+        const uint8_t* pNibbles = PlaneNibbles();
         uint64_t same[MAX_PLANE_NIBBLES / 64 + 1];
-        const size_t words = MarkRepeats(pNibbles, count, same);
+        const size_t words = MarkRepeats(count, same);
         size_t i = 0;
         if (same[0] & 1) {
             // The plane opens with the open run's nibble: those slots only lengthen the run.
@@ -107,34 +112,32 @@ public:
 private:
     static constexpr unsigned NM_RUN_LENGTH_MAX = 255;
 
-    // Bit j of same[j / 64]: nibble j equals the one before it (nibble 0: the last literal).
-    // Bits from `count` on are clear. Returns the number of words.
-    size_t MarkRepeats(const uint8_t* pNibbles, size_t count, uint64_t* pSame) const
+    // Bit j of same[j / 64]: nibble j equals the one before it (nibble 0: the last literal, put
+    // in front of the plane for the purpose). Bits from `count` on are clear. Returns the number
+    // of words. The bytes past `count` up to the word's end are read but count for nothing.
+    size_t MarkRepeats(size_t count, uint64_t* pSame)
     {
+        uint8_t* pNibbles = PlaneNibbles();
+        pNibbles[-1] = m_lastNM;
         const size_t words = (count + 63) / 64;
-        size_t w = 0;
-        do { // count is at least 1
+        for (size_t w = 0; w < words; ++w) {
             const uint8_t* p = pNibbles + 64 * w;
-            const uint8_t before = w == 0 ? m_lastNM : p[-1];
             uint64_t bits = 0;
 #ifdef __SSE2__
-            // Sixteen at a time: each 16-byte row against the same row one byte back.
+            // Sixteen at a time: each row against the same row one byte back.
             for (unsigned k = 0; k < 4; ++k) {
                 const __m128i row = _mm_loadu_si128(reinterpret_cast<const __m128i*>(p + 16 * k));
-                const __m128i back = _mm_or_si128(_mm_slli_si128(row, 1),
-                                                  _mm_cvtsi32_si128(k == 0 ? before : p[16 * k - 1]));
+                const __m128i back = _mm_loadu_si128(reinterpret_cast<const __m128i*>(p + 16 * k - 1));
                 bits |= uint64_t(unsigned(_mm_movemask_epi8(_mm_cmpeq_epi8(row, back)))) << (16 * k);
             }
 #else
             for (unsigned k = 0; k < 8; ++k) {
-                const uint64_t row = LoadLE<uint64_t>(p + 8 * k);
-                const uint64_t back = row << 8 | (k == 0 ? before : p[8 * k - 1]);
-                const uint64_t equal = ZeroBytes(row ^ back);
+                const uint64_t equal = ZeroBytes(LoadLE<uint64_t>(p + 8 * k) ^ LoadLE<uint64_t>(p + 8 * k - 1));
                 bits |= ((equal >> 7) * 0x0102040810204080ull >> 56) << (8 * k);
             }
 #endif
             pSame[w] = bits;
-        } while (++w < words);
+        }
         if (count % 64 != 0)
             pSame[words - 1] &= LowBits(unsigned(count % 64));
         return words;
@@ -224,6 +227,9 @@ private:
         return bytes;
     }
 
+    // A plane's nibbles from byte 16 on: the byte before them takes the last literal, and a
+    // plane's last word is read whole.
+    uint8_t m_aPlane[16 + MAX_PLANE_NIBBLES + 64];
     // Every run codes to no more nibbles than it has slots, so the stream stays within one nibble
     // per coded slot, plus the closing ones and the copies' overrun.
     static constexpr size_t MAX_STAGED = 2 * MAX_SEGMENT_DATA + 64;

@@ -123,8 +123,8 @@ size_t COptimalBiasDulo::Deflate(uint8_t* pUncData, const uint16_t& segSize, T s
     // Match bits of every coded slot, plane after plane; the map is coded from them at the end.
     uint64_t matchWords[2 * MAX_SEGMENT_DATA / 64 + 2];
     CMatchBits matchBits(matchWords);
-    // A plane's non-match nibbles are gathered here and coded together at the plane's end.
-    uint8_t planeNibbles[CNibbleCoder::MAX_PLANE_NIBBLES + CNibbleCoder::INPUT_SLACK];
+    // A plane's non-match nibbles are gathered into the coder and coded together at the plane's end.
+    uint8_t* const planeNibbles = nibbles.PlaneNibbles();
     const SlotClassifyFn classify = ActiveKernels().classify;
 
     for (unsigned plane = skippedPlanes; plane < PLANES; ++plane) {
@@ -155,7 +155,7 @@ size_t COptimalBiasDulo::Deflate(uint8_t* pUncData, const uint16_t& segSize, T s
             }
             matchBits.Append(matches, count);
         }
-        nibbles.Plane(planeNibbles, nonMatchCount, escape);
+        nibbles.Plane(nonMatchCount, escape);
     }
 
     const size_t nonMatchLength =
