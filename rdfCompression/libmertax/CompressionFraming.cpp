@@ -1,6 +1,7 @@
 // Compression of a whole buffer, cut into segments laid end to end in the caller's buffer.
 #include "OptimalBiasDulo.h"
 
+#include "BitOps.h"
 #include "ByteAccess.h"
 #include "Report.h"
 
@@ -67,10 +68,8 @@ size_t COptimalBiasDulo::Compress(void* pUncData, const size_t& uncSize, const s
             // Up to 8192 bytes of 16-bit cells that all fit in a byte make one segment.
             const size_t bytesToTest = std::min<size_t>(bytesToDo, 2 * STD_SEGSIZE);
             // The OR of the cells, four at a time and then singly.
-            uint64_t result = 0;
-            size_t i = 0;
-            for (; i + 8 <= bytesToTest; i += 8)
-                result |= LoadLE<uint64_t>(pUnc + i);
+            uint64_t result = OrOfWords(pUnc, bytesToTest / 8, 0);
+            size_t i = bytesToTest / 8 * 8;
             for (; i < bytesToTest; i += 2)
                 result |= LoadLE<uint16_t>(pUnc + i);
             const bool bytesOnly = (result & 0xFF00FF00FF00FF00ull) == 0;

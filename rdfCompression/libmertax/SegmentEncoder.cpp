@@ -56,20 +56,10 @@ constexpr size_t MAX_PADDED_SEGMENT = 8188;
 template <typename T>
 unsigned COptimalBiasDulo::CountSkippedPlanes(const uint8_t* pUncData, uint16_t segSize, T bias) const
 {
-    // OR of every element XOR bias: 64 bytes at a time in eight lanes (a fixed count that the
-    // compiler vectorizes), then eight bytes, then the tail, then the cells of the 64-bit OR
-    // folded onto one.
-    const uint64_t bias64 = RepeatCell<T>(bias);
-    uint64_t lanes[8] = {};
-    size_t i = 0;
-    for (; i + 64 <= segSize; i += 64)
-        for (unsigned k = 0; k < 8; ++k)
-            lanes[k] |= LoadLE<uint64_t>(pUncData + i + 8 * k) ^ bias64;
-    uint64_t diff64 = 0;
-    for (uint64_t lane : lanes)
-        diff64 |= lane;
-    for (; i + 8 <= segSize; i += 8)
-        diff64 |= LoadLE<uint64_t>(pUncData + i) ^ bias64;
+    // OR of every element XOR bias: whole 64-bit words, then the tail, then the cells of the
+    // 64-bit OR folded onto one.
+    uint64_t diff64 = OrOfWords(pUncData, segSize / 8, RepeatCell<T>(bias));
+    size_t i = segSize / 8 * 8;
     T diff = 0;
     for (; i < segSize; i += sizeof(T))
         diff |= T(LoadLE<T>(pUncData + i) ^ bias);
