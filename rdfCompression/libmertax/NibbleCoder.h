@@ -43,42 +43,48 @@ public:
             return;
         }
         const uint8_t* pNibbles = PlaneNibbles();
-        uint64_t same[MAX_PLANE_NIBBLES / 64 + 1];
-        const size_t words = MarkRepeats(count, same);
+        uint64_t same[MAX_PLANE_NIBBLES / 64 + 1], third[MAX_PLANE_NIBBLES / 64 + 1];
+        const size_t words = MarkRepeats(count, same, third);
+        // The stream and the last literal stay in locals: stores to the staging bytes could
+        // otherwise alias the members.
+        uint8_t* pOut = m_aStaged + m_staged;
+        uint8_t last = m_lastNM;
         size_t i = 0;
-        if (same[0] & 1) {
+        if (pNibbles[0] == last) {
             // The plane opens with the open run's nibble: those slots only lengthen the run.
-            const size_t lead = NextZero(same, words, 0);
-            const size_t taken = lead < NM_RUN_LENGTH_MAX - m_nmRunLength ? lead : NM_RUN_LENGTH_MAX - m_nmRunLength;
-            m_nmRunLength += unsigned(taken);
-            Flush(escape);
-            i = taken;
+            const size_t lead = NextClear(same, words, 0, count);
+            const size_t room = NM_RUN_LENGTH_MAX - m_nmRunLength;
+            i = lead < room ? lead : room;
+            pOut = PutRun(pOut, unsigned(m_nmRunLength + i), last, escape);
         }
-        // From i on, runs start afresh (i is never inside a run begun before it): the first "third
-        // in a row" at or after i + 2 is the third nibble of the next run of three or more.
-        for (;;) {
-            const size_t third = NextTriple(same, words, i + 2);
-            if (third >= count)
+        // From i on, runs start afresh (i is never inside a run begun before it): the first third
+        // nibble in a row at or after i + 2 is that of the next run of three or more.
+        for (size_t w = (i + 2) / 64; w < words;) {
+            uint64_t thirds = third[w] & (~uint64_t(0) << ((i + 2) % 64));
+            while (thirds == 0 && ++w < words)
+                thirds = third[w];
+            if (thirds == 0)
                 break;
-            const size_t start = third - 2;
-            CopyLiterals(pNibbles + i, start + 1 - i);
-            m_lastNM = pNibbles[start];
-            const size_t end = NextZero(same, words, third); // never past count: those bits are clear
-            size_t length = end - start;
+            const size_t start = 64 * w + unsigned(__builtin_ctzll(thirds)) - 2;
+            pOut = CopyLiterals(pOut, pNibbles + i, start + 1 - i);
+            last = pNibbles[start];
+            const size_t end = NextClear(same, words, start + 2, count);
             // A run is capped at 255; the next slot starts a new run with its literal.
+            size_t length = end - start;
             for (; length > NM_RUN_LENGTH_MAX; length -= NM_RUN_LENGTH_MAX) {
-                m_nmRunLength = NM_RUN_LENGTH_MAX;
-                Flush(escape);
-                Put(m_lastNM);
+                pOut = PutRun(pOut, NM_RUN_LENGTH_MAX, last, escape);
+                *pOut++ = last;
             }
-            m_nmRunLength = unsigned(length);
-            Flush(escape);
+            pOut = PutRun(pOut, unsigned(length), last, escape);
             i = end;
+            w = (i + 2) / 64;
         }
         if (i < count) {
-            CopyLiterals(pNibbles + i, count - i);
-            m_lastNM = pNibbles[count - 1];
+            pOut = CopyLiterals(pOut, pNibbles + i, count - i);
+            last = pNibbles[count - 1];
         }
+        m_staged = size_t(pOut - m_aStaged);
+        m_lastNM = last;
         m_nmRunLength = 1;
     }
 
@@ -113,13 +119,15 @@ private:
     static constexpr unsigned NM_RUN_LENGTH_MAX = 255;
 
     // Bit j of same[j / 64]: nibble j equals the one before it (nibble 0: the last literal, put
-    // in front of the plane for the purpose). Bits from `count` on are clear. Returns the number
-    // of words. The bytes past `count` up to the word's end are read but count for nothing.
-    size_t MarkRepeats(size_t count, uint64_t* pSame)
+    // in front of the plane for the purpose); bit j of third[j / 64]: so does nibble j - 1, making
+    // j the third of three in a row. Bits from `count` on are clear. Returns the number of words.
+    // The bytes past `count` up to the word's end are read but count for nothing.
+    size_t MarkRepeats(size_t count, uint64_t* pSame, uint64_t* pThird)
     {
         uint8_t* pNibbles = PlaneNibbles();
         pNibbles[-1] = m_lastNM;
         const size_t words = (count + 63) / 64;
+        uint64_t carry = 0;
         for (size_t w = 0; w < words; ++w) {
             const uint8_t* p = pNibbles + 64 * w;
             uint64_t bits = 0;
@@ -136,66 +144,68 @@ private:
                 bits |= ((equal >> 7) * 0x0102040810204080ull >> 56) << (8 * k);
             }
 #endif
+            if (w == words - 1 && count % 64 != 0)
+                bits &= LowBits(unsigned(count % 64));
             pSame[w] = bits;
+            pThird[w] = bits & (bits << 1 | carry);
+            carry = bits >> 63;
         }
-        if (count % 64 != 0)
-            pSame[words - 1] &= LowBits(unsigned(count % 64));
         return words;
     }
 
-    // The first position at or after `from` whose bit is clear (words * 64 when none is).
-    static size_t NextZero(const uint64_t* pSame, size_t words, size_t from)
+    // The first position at or after `from` whose bit is clear, or `count`.
+    static size_t NextClear(const uint64_t* pSame, size_t words, size_t from, size_t count)
     {
-        for (size_t w = from / 64; w < words; ++w) {
-            const uint64_t clear = ~pSame[w] & (w == from / 64 ? ~LowBits(unsigned(from % 64)) : ~uint64_t(0));
-            if (clear != 0)
-                return 64 * w + unsigned(__builtin_ctzll(clear));
+        size_t w = from / 64;
+        if (w >= words)
+            return count;
+        uint64_t clear = ~pSame[w] & (~uint64_t(0) << (from % 64));
+        while (clear == 0) {
+            if (++w == words)
+                return count;
+            clear = ~pSame[w];
         }
-        return 64 * words;
-    }
-
-    // The first position at or after `from` that is the third of three equal nibbles in a row.
-    static size_t NextTriple(const uint64_t* pSame, size_t words, size_t from)
-    {
-        for (size_t w = from / 64; w < words; ++w) {
-            const uint64_t carry = w == 0 ? 0 : pSame[w - 1] >> 63;
-            uint64_t triple = pSame[w] & (pSame[w] << 1 | carry);
-            if (w == from / 64)
-                triple &= ~LowBits(unsigned(from % 64));
-            if (triple != 0)
-                return 64 * w + unsigned(__builtin_ctzll(triple));
-        }
-        return 64 * words;
+        return 64 * w + unsigned(__builtin_ctzll(clear));
     }
 
     // Literals go in as they stand, sixteen bytes at a time: the staging area has room past its
-    // end and the input is readable past its count.
-    void CopyLiterals(const uint8_t* pNibbles, size_t count)
+    // end and the plane buffer is readable past its count.
+    static uint8_t* CopyLiterals(uint8_t* pOut, const uint8_t* pNibbles, size_t count)
     {
-        for (size_t k = 0; k < count; k += 16)
-            std::memcpy(m_aStaged + m_staged + k, pNibbles + k, 16);
-        m_staged += count;
+        size_t k = 0;
+        do
+            std::memcpy(pOut + k, pNibbles + k, 16);
+        while ((k += 16) < count);
+        return pOut + count;
+    }
+
+    // The code that closes a run of `length` slots of v, whose first literal is already out.
+    static uint8_t* PutRun(uint8_t* pOut, unsigned length, uint8_t v, uint8_t escape)
+    {
+        // A count nibble equal to the escape would read as a second escape.
+        if (length == escape && length >= 3) {
+            *pOut++ = v;
+            --length;
+        }
+        if (length == 2) {
+            *pOut++ = v;
+        } else if (length >= 3 && length <= 15) {
+            pOut[0] = escape;
+            pOut[1] = uint8_t(length);
+            pOut += 2;
+        } else if (length >= 16) {
+            pOut[0] = escape;
+            pOut[1] = escape;
+            pOut[2] = uint8_t(length >> 4);
+            pOut[3] = uint8_t(length & 0xF);
+            pOut += 4;
+        }
+        return pOut;
     }
 
     void Flush(uint8_t escape)
     {
-        unsigned length = m_nmRunLength;
-        // A count nibble equal to the escape would read as a second escape.
-        if (length == escape && length >= 3) {
-            Put(m_lastNM);
-            --length;
-        }
-        if (length == 2) {
-            Put(m_lastNM);
-        } else if (length >= 3 && length <= 15) {
-            Put(escape);
-            Put(uint8_t(length));
-        } else if (length >= 16) {
-            Put(escape);
-            Put(escape);
-            Put(uint8_t(length >> 4));
-            Put(uint8_t(length & 0xF));
-        }
+        m_staged = size_t(PutRun(m_aStaged + m_staged, m_nmRunLength, m_lastNM, escape) - m_aStaged);
         m_nmRunLength = 1;
     }
 
