@@ -6,9 +6,9 @@
 // non-match. At an entry boundary a match opens a run and a non-match a group; all-zero groups
 // are held back and written as non-match run entries, and the next group follows at once.
 //
-// The coder works entry by entry on the segment's match bits: a run's length is a bit scan, a
-// group is six bits turned round by a table, and a stretch of all-zero groups is counted from the
-// length of the run of non-matches.
+// The coder works entry by entry on the segment's match bits, through a 64-slot window: a run's
+// length is a bit scan, a group is six bits turned round by a table, and a stretch of all-zero
+// groups is counted from the length of the run of non-matches.
 #pragma once
 
 #include "BitOps.h"
@@ -59,49 +59,89 @@ public:
     // slots of the leading planes that are not coded come before slot 0. Returns the map's size.
     size_t Code(const uint64_t* pMatches, size_t slots, size_t skipped, uint8_t* pMap)
     {
-        m_pBits = pMatches;
-        m_slots = slots;
-        m_pMap = pMap;
-        m_size = 0;
+        // Everything lives in locals: stores to the map could otherwise alias the members.
+        uint8_t* pOut = pMap;
+        size_t remainder = 0;
+        bool runTooLong = false;
         size_t p = 0;
-        if (Bit(0)) {
+        if (pMatches[0] & 1) {
             // The skipped slots and the matches after them make one run.
-            const size_t ones = Ones(0);
-            p = EndRun(skipped + ones, ones);
+            const size_t ones = RunLength(pMatches, slots, 0, ~uint64_t(0));
+            p = ones;
+            if (p == slots) {
+                pOut = PutRunCode(pOut, skipped + ones, remainder, runTooLong);
+                remainder = 0; // an open run at the end: no non-match follows
+            } else {
+                p += 1 + EndRun(pOut, skipped + ones, Window(pMatches, p + 1), slots - p - 1, remainder, runTooLong);
+            }
         } else if (skipped > 0) {
             // Slot 0 ends the run of skipped slots at once, even a short one.
-            WriteRunCode(skipped);
+            pOut = PutRunCode(pOut, skipped, remainder, runTooLong);
             p = 1;
-        } else {
-            p = Group(0);
         }
-        // At a boundary, six slots that are neither all matches nor all non-matches make one group
-        // entry whatever the slot first: a run of 1 to 5 matches folds into exactly that group, and
-        // 0x3E is the group of five matches and a non-match. Such groups are taken straight from
-        // a 64-slot window; runs of six or more matches and all-zero groups go the long way.
-        while (m_slots - p >= 64) {
-            const uint64_t window = Window(p);
-            uint8_t* pOut = m_pMap + m_size;
-            unsigned used = 0;
-            for (; used <= 58; used += 6) {
-                const unsigned group = unsigned(window >> used) & 0x3F;
-                if (group == 0 || group == 0x3F)
-                    break;
-                *pOut++ = REVERSED6[group];
+        while (p < slots) {
+            size_t left = slots - p;
+            uint64_t window = Window(pMatches, p);
+            unsigned valid = left < 64 ? unsigned(left) : 64; // bits of window that are slots
+            if (left >= 64) {
+                // At a boundary, six slots that are neither all matches nor all non-matches make one
+                // group entry whatever the slot first: a run of 1 to 5 matches folds into exactly
+                // that group, and 0x3E is the group of five matches and a non-match.
+                unsigned used = 0;
+                for (; used <= 58; used += 6) {
+                    const unsigned group = unsigned(window >> used) & 0x3F;
+                    if (group == 0 || group == 0x3F)
+                        break;
+                    *pOut++ = REVERSED6[group];
+                }
+                if (used != 0) {
+                    remainder = 0;
+                    p += used;
+                    if (used > 58)
+                        continue;
+                    window >>= used;
+                    left -= used;
+                    valid -= used;
+                }
             }
-            m_size = size_t(pOut - m_pMap);
-            if (used != 0)
-                m_remainder = 0;
-            p += used;
-            if (used <= 58)
-                p = Entry(p);
+            if (window & 1) {
+                // A run of matches, counted in the window unless it may reach past it.
+                size_t run = ~window == 0 ? 64 : unsigned(__builtin_ctzll(~window));
+                if (run >= valid)
+                    run = RunLength(pMatches, slots, p, ~uint64_t(0));
+                if (run == left) {
+                    pOut = PutRunCode(pOut, run, remainder, runTooLong);
+                    remainder = 0;
+                    break;
+                }
+                const uint64_t after = run + 1 < valid ? window >> (run + 1) : Window(pMatches, p + run + 1);
+                p += run + 1 + EndRun(pOut, run, after, left - run - 1, remainder, runTooLong);
+                continue;
+            }
+            // A group, after any all-zero groups, which are counted and held back until a group
+            // with a match (or the map's end) comes.
+            size_t zeros = window == 0 ? 64 : unsigned(__builtin_ctzll(window));
+            if (zeros >= valid)
+                zeros = RunLength(pMatches, slots, p, 0);
+            if (zeros >= 6) {
+                size_t heldBack = zeros - zeros % 6;
+                p += heldBack;
+                left -= heldBack;
+                window = Window(pMatches, p);
+                for (; heldBack > 63; heldBack -= 63)
+                    *pOut++ = 0x7F;
+                *pOut++ = uint8_t(0x40 | heldBack);
+            }
+            const unsigned width = left < 6 ? unsigned(left) : 6;
+            *pOut++ = REVERSED6[window & LowBits(width)];
+            remainder = 0;
+            p += width;
         }
-        while (p < m_slots)
-            p = Entry(p);
         // At the end of a run code whose long form left a remainder, an empty group closes the map.
-        if (p == m_slots && m_remainder != 0)
-            Put(0);
-        return m_size;
+        if (remainder != 0)
+            *pOut++ = 0;
+        m_runTooLong = runTooLong;
+        return size_t(pOut - pMap);
     }
 
     // A run longer than a long run code can hold (only in segments above 4096 bytes).
@@ -115,121 +155,73 @@ private:
         0x01, 0x21, 0x11, 0x31, 0x09, 0x29, 0x19, 0x39, 0x05, 0x25, 0x15, 0x35, 0x0D, 0x2D, 0x1D, 0x3D,
         0x03, 0x23, 0x13, 0x33, 0x0B, 0x2B, 0x1B, 0x3B, 0x07, 0x27, 0x17, 0x37, 0x0F, 0x2F, 0x1F, 0x3F};
 
-    bool Bit(size_t p) const { return m_pBits[p / 64] >> (p % 64) & 1; }
-
     // The 64 match bits from slot p on, slot p in bit 0 (bits past the last slot are garbage).
-    uint64_t Window(size_t p) const
+    static uint64_t Window(const uint64_t* pBits, size_t p)
     {
         const unsigned shift = unsigned(p % 64);
-        const uint64_t low = m_pBits[p / 64] >> shift;
-        return shift == 0 ? low : low | m_pBits[p / 64 + 1] << (64 - shift);
+        const uint64_t low = pBits[p / 64] >> shift;
+        return shift == 0 ? low : low | pBits[p / 64 + 1] << (64 - shift);
     }
 
-    // The length of the run of matches (or non-matches) from slot p, up to the last slot.
-    size_t Ones(size_t p) const { return RunFrom(p, ~uint64_t(0)); }
-    size_t Zeros(size_t p) const { return RunFrom(p, 0); }
-    size_t RunFrom(size_t p, uint64_t flip) const
+    // The length of the run of matches (flip all ones) or non-matches (flip 0) from slot p, up to
+    // the last slot: the rest of p's word (the shift brings in zeros, which end nothing), then
+    // whole words.
+    static size_t RunLength(const uint64_t* pBits, size_t slots, size_t p, uint64_t flip)
     {
-        // The rest of p's word (the shift brings in zeros, which end nothing), then whole words.
         size_t w = p / 64;
-        uint64_t other = (m_pBits[w] ^ flip) >> (p % 64);
+        uint64_t other = (pBits[w] ^ flip) >> (p % 64);
         size_t end = p;
         while (other == 0) {
             end = 64 * ++w;
-            if (end >= m_slots)
-                return m_slots - p;
-            other = m_pBits[w] ^ flip;
+            if (end >= slots)
+                return slots - p;
+            other = pBits[w] ^ flip;
         }
         end += unsigned(__builtin_ctzll(other));
-        return (end < m_slots ? end : m_slots) - p;
+        return (end < slots ? end : slots) - p;
     }
 
-    // The entry at the boundary before slot p; returns the slot after it.
-    size_t Entry(size_t p)
-    {
-        if (!Bit(p))
-            return Group(p);
-        const size_t ones = Ones(p);
-        return EndRun(ones, p + ones);
-    }
-
-    // A run of `run` matches that ends before slot p (or at the last slot). Runs of 1 to 5 fold
-    // into a group: the matches from bit 5 down, then the non-match as a 0 bit, then the slots
-    // after it. Returns the slot after the entry.
-    size_t EndRun(size_t run, size_t p)
+    // The entry for a run of `run` matches ended by a non-match, followed by `left` slots whose
+    // bits are `after`. Runs of 1 to 5 fold into a group: the matches from bit 5 down, then the
+    // non-match as a 0 bit, then the slots after it (fewer at the map's end). Returns how many of
+    // the slots after the non-match the entry took.
+    static unsigned EndRun(uint8_t*& pOut, size_t run, uint64_t after, size_t left, size_t& remainder,
+                           bool& runTooLong)
     {
         static const uint8_t FOLDED_GROUP[5] = {0, 0x20, 0x30, 0x38, 0x3C};
-        if (p == m_slots) {
-            WriteRunCode(run); // an open run at the end: no non-match follows
-            m_remainder = 0;
-            return p;
-        }
         if (run < 5) {
-            // The group may be cut short by the map's end: it is then written as it stands.
-            const size_t left = m_slots - (p + 1);
             const unsigned width = left < 5 - run ? unsigned(left) : unsigned(5 - run);
-            Put(uint8_t(FOLDED_GROUP[run] | (REVERSED6[Window(p + 1) & LowBits(width)] >> (run + 1))));
-            m_remainder = 0;
-            return p + 1 + width;
+            *pOut++ = uint8_t(FOLDED_GROUP[run] | (REVERSED6[after & LowBits(width)] >> (run + 1)));
+            remainder = 0;
+            return width;
         }
         if (run == 5) {
-            Put(0x3E);
-            m_remainder = 0;
+            *pOut++ = 0x3E;
+            remainder = 0;
         } else {
-            WriteRunCode(run);
+            pOut = PutRunCode(pOut, run, remainder, runTooLong);
         }
-        return p + 1;
-    }
-
-    // A group from slot p, whose slot is a non-match or follows an all-zero group. All-zero groups
-    // are counted and held back until a group with a match (or the map's end) comes.
-    size_t Group(size_t p)
-    {
-        size_t heldBack = 0;
-        const size_t zeros = Zeros(p);
-        if (zeros >= 6) {
-            heldBack = zeros - zeros % 6;
-            p += heldBack;
-        }
-        const size_t left = m_slots - p;
-        const unsigned width = left < 6 ? unsigned(left) : 6;
-        const uint8_t group = REVERSED6[Window(p) & LowBits(width)];
-        for (; heldBack > 63; heldBack -= 63)
-            Put(0x7F);
-        if (heldBack != 0)
-            Put(uint8_t(0x40 | heldBack));
-        Put(group);
-        m_remainder = 0;
-        return p + width;
+        return 0;
     }
 
     // The long forms subtract their base; what is left decides whether the map closes with an
     // empty group when no slot follows.
-    void WriteRunCode(size_t run)
+    static uint8_t* PutRunCode(uint8_t* pOut, size_t run, size_t& remainder, bool& runTooLong)
     {
         if (run < 64) {
-            Put(uint8_t(0x80 | run));
-            m_remainder = run;
+            *pOut++ = uint8_t(0x80 | run);
+            remainder = run;
         } else if (run < 96) {
-            Put(uint8_t(0xC0 | (run - 64)));
-            m_remainder = run - 64;
+            *pOut++ = uint8_t(0xC0 | (run - 64));
+            remainder = run - 64;
         } else {
-            const size_t rest = run - 96;
-            m_runTooLong |= rest > 0x1FFF;
-            Put(uint8_t(0xE0 | (rest >> 8)));
-            Put(uint8_t(rest));
-            m_remainder = rest;
+            remainder = run - 96;
+            runTooLong |= remainder > 0x1FFF;
+            *pOut++ = uint8_t(0xE0 | (remainder >> 8));
+            *pOut++ = uint8_t(remainder);
         }
+        return pOut;
     }
 
-    // Every entry covers at least six slots except a bounded few, so a segment's map stays far
-    // below the staging array's size.
-    void Put(uint8_t entry) { m_pMap[m_size++] = entry; }
-
-    const uint64_t* m_pBits = nullptr;
-    size_t m_slots = 0;
-    uint8_t* m_pMap = nullptr;
-    size_t m_size = 0;
-    size_t m_remainder = 0;
     bool m_runTooLong = false;
 };
