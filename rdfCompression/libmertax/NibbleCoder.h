@@ -25,8 +25,8 @@ class CNibbleCoder
 public:
     // The most non-match nibbles one plane can hand over: one per slot.
     static constexpr size_t MAX_PLANE_NIBBLES = MAX_SEGMENT_DATA;
-    // Bytes of the plane buffer that may be written past a plane's nibbles.
-    static constexpr size_t PLANE_SLACK = 16;
+    // Bytes of the plane buffer that may be written past a plane's nibbles (a whole block's worth).
+    static constexpr size_t PLANE_SLACK = 64;
 
     explicit CNibbleCoder(uint8_t firstEscape) : m_lastNM(firstEscape) {}
 
@@ -239,7 +239,7 @@ private:
 
     // A plane's nibbles from byte 16 on: the byte before them takes the last literal, and a
     // plane's last word is read whole.
-    uint8_t m_aPlane[16 + MAX_PLANE_NIBBLES + 64];
+    uint8_t m_aPlane[16 + MAX_PLANE_NIBBLES + PLANE_SLACK];
     // Every run codes to no more nibbles than it has slots, so the stream stays within one nibble
     // per coded slot, plus the closing ones and the copies' overrun.
     static constexpr size_t MAX_STAGED = 2 * MAX_SEGMENT_DATA + 64;

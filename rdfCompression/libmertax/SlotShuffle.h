@@ -19,7 +19,7 @@ using SlotSpreadFn = size_t (*)(uint64_t bits, const uint8_t* pValues, uint8_t f
 using SlotGatherFn = size_t (*)(uint64_t bits, const uint8_t* pSlots, uint8_t* pOut);
 
 // Sets *pMatches to the bits of the 64 slots at pSlots that equal `nibble`, appends the others to
-// pOut in order (room for 16 bytes past them), and returns how many it appended.
+// pOut in order (room for 64 bytes from where they start), and returns how many it appended.
 using SlotClassifyFn = size_t (*)(const uint8_t* pSlots, uint8_t nibble, uint8_t* pOut, uint64_t* pMatches);
 
 size_t SpreadSlotsPortable(uint64_t bits, const uint8_t* pValues, uint8_t fill, uint8_t* pOut);

@@ -21,14 +21,12 @@ MERTAX_AVX512_TARGET size_t SpreadSlotsAvx512(uint64_t bits, const uint8_t* pVal
 MERTAX_AVX512_TARGET size_t ClassifySlotsAvx512(const uint8_t* pSlots, uint8_t nibble, uint8_t* pOut,
                                                  uint64_t* pMatches)
 {
-    // One compare gives the match mask; the compress packs the other slots, stored under a mask
-    // so that nothing past them is written.
+    // One compare gives the match mask; the compress packs the other slots, stored whole (a
+    // byte-masked store is slower on some processors, and the output has room).
     const __m512i slots = _mm512_loadu_si512(pSlots);
     const __mmask64 matches = _mm512_cmpeq_epi8_mask(slots, _mm512_set1_epi8(char(nibble)));
-    const size_t put = 64 - size_t(__builtin_popcountll(matches));
-    const __mmask64 valid = put >= 64 ? ~__mmask64(0) : (__mmask64(1) << put) - 1;
-    _mm512_mask_storeu_epi8(pOut, valid, _mm512_maskz_compress_epi8(~matches, slots));
+    _mm512_storeu_si512(pOut, _mm512_maskz_compress_epi8(~matches, slots));
     *pMatches = matches;
-    return put;
+    return 64 - size_t(__builtin_popcountll(matches));
 }
 #endif
