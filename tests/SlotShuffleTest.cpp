@@ -91,20 +91,22 @@ TEST(SlotShuffle, EveryClassifyAgreesWithPlainReading)
     }
 }
 
-TEST(SlotShuffle, NibbleSpreadAgreesWithPlainReading)
+TEST(SlotShuffle, NibbleSplitAgreesWithPlainReading)
 {
     std::mt19937_64 rng(9);
-    for (int round = 0; round < 1000; ++round) {
-        const uint64_t nibbles = rng();
-        std::vector<uint8_t> expected(16);
-        for (unsigned i = 0; i < 16; ++i)
-            expected[i] = uint8_t(nibbles >> (60 - 4 * i)) & 0xF;
-        std::vector<uint8_t> fast(16);
-        std::vector<uint8_t> portable(16);
-        CNonMatchReader::SpreadNibbles(nibbles, fast.data());
-        CNonMatchReader::SpreadNibblesPortable(nibbles, portable.data());
-        ASSERT_EQ(fast, expected) << std::hex << nibbles;
-        ASSERT_EQ(portable, expected) << std::hex << nibbles;
+    for (size_t bytes = 0; bytes < 70; ++bytes) {
+        std::vector<uint8_t> stream(bytes);
+        for (uint8_t& b : stream)
+            b = uint8_t(rng());
+        std::vector<uint8_t> expected;
+        for (uint8_t b : stream) {
+            expected.push_back(b >> 4);
+            expected.push_back(b & 0xF);
+        }
+        std::vector<uint8_t> split(2 * bytes + 32, 0xEE);
+        CNonMatchReader::SplitNibbles(stream.data(), bytes, split.data());
+        ASSERT_TRUE(std::equal(expected.begin(), expected.end(), split.begin())) << bytes << " bytes";
+        ASSERT_EQ(split[2 * bytes], 0xEE) << bytes << " bytes";
     }
 }
 

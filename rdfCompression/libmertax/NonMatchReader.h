@@ -4,6 +4,7 @@
 
 #include "BitOps.h"
 #include "ByteAccess.h"
+#include "SegmentFormat.h"
 
 #include <algorithm>
 #include <cstddef>
@@ -16,10 +17,15 @@
 class CNonMatchReader
 {
 public:
-    // firstBiasNib is the bias nibble of plane 0, which the last literal starts as.
+    // The longest stream: a whole segment.
+    static constexpr size_t MAX_STREAM_BYTES = MAX_SEGMENT_DATA;
+
+    // firstBiasNib is the bias nibble of plane 0, which the last literal starts as. The stream's
+    // bytes are split into nibbles, one per byte, once: every read after that is a byte load.
     CNonMatchReader(const uint8_t* pStream, size_t length, uint8_t firstBiasNib)
-        : m_pStream(pStream), m_nibbleEnd(2 * length), m_nibblePos(0), m_nmNib(firstBiasNib), m_nonMatchCnt(0)
+        : m_nibbleEnd(2 * std::min(length, MAX_STREAM_BYTES)), m_nibblePos(0), m_nmNib(firstBiasNib), m_nonMatchCnt(0)
     {
+        SplitNibbles(pStream, m_nibbleEnd / 2, m_aNibbles);
     }
 
     // The nibble of the next non-match slot in a plane whose bias nibble is biasNib: a repeat of
@@ -36,15 +42,14 @@ public:
         size_t pos = m_nibblePos;
         uint8_t last = m_nmNib;
         unsigned owed = m_nonMatchCnt;
-        const size_t streamBytes = m_nibbleEnd >> 1;
-        const uint64_t escapes = 0x1111111111111111ull * biasNib;
+        const uint8_t* pNibbles = m_aNibbles;
         size_t done = 0;
         while (done < count) {
             if (owed != 0) {
                 done += PutRepeats(last, owed, count - done, pOut + done);
                 continue;
             }
-            if ((pos >> 1) + 8 > streamBytes) {
+            if (pos + 16 > m_nibbleEnd) {
                 // Near the stream's end, one slot at a time.
                 m_nibblePos = pos;
                 m_nmNib = last;
@@ -57,29 +62,24 @@ public:
                 ++done;
                 continue;
             }
-            // Sixteen nibbles at once (fifteen from a low half), first nibble on top: the literals
-            // before the first escape go out together, and then the escape and its run length.
-            uint64_t nibbles = __builtin_bswap64(LoadLE<uint64_t>(m_pStream + (pos >> 1)));
-            const size_t window = 16 - (pos & 1);
-            nibbles <<= 4 * (pos & 1);
-            const uint64_t escapeMarks = ZeroNibbles(nibbles ^ escapes);
-            const size_t escapeAt = escapeMarks != 0 ? size_t(__builtin_clzll(escapeMarks)) / 4 : 16;
-            const size_t literals = std::min(std::min(escapeAt, window), count - done);
+            // Sixteen nibbles at once: the literals before the first escape go out together (all
+            // sixteen are stored; those past the literals are written over later), and then the
+            // escape and its run length.
+            const unsigned escapeAt = CopySixteen(pNibbles + pos, biasNib, pOut + done);
+            const size_t literals = std::min<size_t>(escapeAt, count - done);
             if (literals != 0) {
-                SpreadNibbles(nibbles, pOut + done);
-                last = uint8_t(nibbles >> (64 - 4 * literals)) & 0xF;
+                last = pNibbles[pos + literals - 1];
                 pos += literals;
                 done += literals;
             }
             // The escape and up to three nibbles of run length must lie in the window.
-            if (literals != escapeAt || escapeAt + 4 > window || done == count)
+            if (literals != escapeAt || escapeAt + 4 > 16 || done == count)
                 continue;
-            const unsigned shift = 4 * unsigned(escapeAt);
-            uint8_t runLength = uint8_t(nibbles << shift >> 56) & 0xF;
+            uint8_t runLength = pNibbles[pos + 1];
             if (runLength != biasNib) {
                 pos += 2;
             } else {
-                runLength = uint8_t(nibbles << shift >> 48);
+                runLength = uint8_t(pNibbles[pos + 2] << 4 | pNibbles[pos + 3]);
                 pos += 4;
             }
             // The escape's own slot and the run's remaining repeats, the last literal each time.
@@ -92,25 +92,25 @@ public:
         return true;
     }
 
-    // The sixteen nibbles of v, first on top, one per byte in order: with SSE2 (part of every
-    // x86-64) the high and low halves of the bytes are interleaved in one step.
-    static void SpreadNibbles(uint64_t v, uint8_t* pOut)
+    // The nibbles of `bytes` bytes, high half first, one per byte into pOut (with room for 32
+    // bytes past them): with SSE2, sixteen bytes a step.
+    static void SplitNibbles(const uint8_t* pBytes, size_t bytes, uint8_t* pOut)
     {
+        size_t i = 0;
 #ifdef __SSE2__
-        const uint64_t bytes = __builtin_bswap64(v); // first byte lowest, first nibble its high half
-        const __m128i highs = _mm_cvtsi64_si128(int64_t((bytes >> 4) & 0x0F0F0F0F0F0F0F0Full));
-        const __m128i lows = _mm_cvtsi64_si128(int64_t(bytes & 0x0F0F0F0F0F0F0F0Full));
-        _mm_storeu_si128(reinterpret_cast<__m128i*>(pOut), _mm_unpacklo_epi8(highs, lows));
-#else
-        SpreadNibblesPortable(v, pOut);
+        const __m128i low4 = _mm_set1_epi8(0x0F);
+        for (; i + 16 <= bytes; i += 16) {
+            const __m128i v = _mm_loadu_si128(reinterpret_cast<const __m128i*>(pBytes + i));
+            const __m128i highs = _mm_and_si128(_mm_srli_epi16(v, 4), low4);
+            const __m128i lows = _mm_and_si128(v, low4);
+            _mm_storeu_si128(reinterpret_cast<__m128i*>(pOut + 2 * i), _mm_unpacklo_epi8(highs, lows));
+            _mm_storeu_si128(reinterpret_cast<__m128i*>(pOut + 2 * i + 16), _mm_unpackhi_epi8(highs, lows));
+        }
 #endif
-    }
-
-    // The same without SSE2, and the reference that it is tested against.
-    static void SpreadNibblesPortable(uint64_t v, uint8_t* pOut)
-    {
-        StoreLE<uint64_t>(pOut, __builtin_bswap64(SpreadToBytes(uint32_t(v >> 32))));
-        StoreLE<uint64_t>(pOut + 8, __builtin_bswap64(SpreadToBytes(uint32_t(v))));
+        for (; i < bytes; ++i) {
+            pOut[2 * i] = pBytes[i] >> 4;
+            pOut[2 * i + 1] = pBytes[i] & 0xF;
+        }
     }
 
     bool ReadNibble(uint8_t& x) { return Read(x); }
@@ -124,6 +124,28 @@ public:
     uint8_t& RepeatsOwed() { return m_nonMatchCnt; }
 
 private:
+    // Stores the sixteen nibbles at pNibbles to pOut and returns the position of the first that
+    // equals `escape` (16 when none does).
+    static unsigned CopySixteen(const uint8_t* pNibbles, uint8_t escape, uint8_t* pOut)
+    {
+#ifdef __SSE2__
+        const __m128i v = _mm_loadu_si128(reinterpret_cast<const __m128i*>(pNibbles));
+        _mm_storeu_si128(reinterpret_cast<__m128i*>(pOut), v);
+        const unsigned escapes = unsigned(_mm_movemask_epi8(_mm_cmpeq_epi8(v, _mm_set1_epi8(char(escape)))));
+        return unsigned(__builtin_ctz(escapes | 0x10000));
+#else
+        const uint64_t repeated = 0x0101010101010101ull * escape;
+        const uint64_t first = LoadLE<uint64_t>(pNibbles), second = LoadLE<uint64_t>(pNibbles + 8);
+        StoreLE<uint64_t>(pOut, first);
+        StoreLE<uint64_t>(pOut + 8, second);
+        const uint64_t marks = ZeroBytes(first ^ repeated);
+        if (marks != 0)
+            return unsigned(__builtin_ctzll(marks)) / 8;
+        const uint64_t marks2 = ZeroBytes(second ^ repeated);
+        return marks2 != 0 ? 8 + unsigned(__builtin_ctzll(marks2)) / 8 : 16;
+#endif
+    }
+
     // Up to `room` of the `owed` repeats of `nibble` (owed drops by as many), eight at a time into
     // the room past the plane's count: most runs are short. Returns how many.
     static size_t PutRepeats(uint8_t nibble, unsigned& owed, size_t room, uint8_t* pOut)
@@ -134,15 +156,6 @@ private:
             StoreLE<uint64_t>(pOut + i, repeated);
         owed -= unsigned(repeats);
         return repeats;
-    }
-
-    // Nibble i of x (from the least significant) into byte i.
-    static uint64_t SpreadToBytes(uint32_t x)
-    {
-        uint64_t v = x;
-        v = (v | v << 16) & 0x0000FFFF0000FFFFull;
-        v = (v | v << 8) & 0x00FF00FF00FF00FFull;
-        return (v | v << 4) & 0x0F0F0F0F0F0F0F0Full;
     }
 
     bool NextSlot(uint8_t biasNib, uint8_t& nibble)
@@ -173,9 +186,7 @@ private:
     {
         if (m_nibblePos >= m_nibbleEnd)
             return false;
-        const uint8_t byte = m_pStream[m_nibblePos >> 1];
-        x = (m_nibblePos & 1) ? (byte & 0xF) : (byte >> 4);
-        ++m_nibblePos;
+        x = m_aNibbles[m_nibblePos++];
         return true;
     }
 
@@ -196,9 +207,9 @@ private:
         return true;
     }
 
-    const uint8_t* m_pStream;
     size_t m_nibbleEnd;
     size_t m_nibblePos;
     uint8_t m_nmNib;
     uint8_t m_nonMatchCnt;
+    uint8_t m_aNibbles[2 * MAX_STREAM_BYTES + 32];
 };
