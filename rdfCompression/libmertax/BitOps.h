@@ -47,12 +47,21 @@ constexpr size_t BitCount(uint64_t v)
     return size_t((v * 0x0101010101010101ull) >> 56);
 }
 
-// Bit i set when byte i of the 64 at pNibbles (each below 16) equals `nibble`. Eight at a time:
-// a byte that differs is 1 to 15 after the xor, so adding 0x7F sets its top bit and carries into
-// no other byte; the multiplication gathers the eight top bits, each product term on a bit of
-// its own.
+// Bit i set when byte i of the 64 at pNibbles (each below 16) equals `nibble`. With SSE2 (part of
+// every x86-64), sixteen per compare. Otherwise eight at a time: a byte that differs is 1 to 15
+// after the xor, so adding 0x7F sets its top bit and carries into no other byte; the
+// multiplication gathers the eight top bits, each product term on a bit of its own.
 inline uint64_t MatchMask64(const uint8_t* pNibbles, uint8_t nibble)
 {
+#ifdef __SSE2__
+    const __m128i repeated = _mm_set1_epi8(char(nibble));
+    uint64_t matches = 0;
+    for (unsigned k = 0; k < 4; ++k) {
+        const __m128i row = _mm_loadu_si128(reinterpret_cast<const __m128i*>(pNibbles + 16 * k));
+        matches |= uint64_t(unsigned(_mm_movemask_epi8(_mm_cmpeq_epi8(row, repeated)))) << (16 * k);
+    }
+    return matches;
+#else
     const uint64_t repeated = 0x0101010101010101ull * nibble;
     uint64_t nonMatches = 0;
     for (unsigned w = 0; w < 8; ++w) {
@@ -61,6 +70,7 @@ inline uint64_t MatchMask64(const uint8_t* pNibbles, uint8_t nibble)
         nonMatches |= ((differ >> 7) * 0x0102040810204080ull >> 56) << (8 * w);
     }
     return ~nonMatches;
+#endif
 }
 
 constexpr size_t RoundUp4(size_t n) { return (n + 3) & ~size_t(3); }

@@ -9,6 +9,7 @@
 #include <algorithm>
 #include <cstddef>
 #include <cstdint>
+#include <cstring>
 
 #ifdef __SSE2__
 #include <emmintrin.h>
@@ -43,38 +44,53 @@ public:
         uint8_t last = m_nmNib;
         unsigned owed = m_nonMatchCnt;
         const uint8_t* pNibbles = m_aNibbles;
+        // A window of up to 64 nibbles from `base`, with a bit for each escape in it: the next
+        // escape is a bit scan away, not a load and a compare. `base` starts out of reach
+        // (pos - base wraps to a large value), so that the first step fills the window.
+        size_t base = pos + 64;
+        size_t windowEnd = 0;
+        uint64_t escapes = 0;
         size_t done = 0;
         while (done < count) {
             if (owed != 0) {
                 done += PutRepeats(last, owed, count - done, pOut + done);
                 continue;
             }
-            if (pos + 16 > m_nibbleEnd) {
-                // Near the stream's end, one slot at a time.
+            if (pos - base > 60) {
+                base = pos;
+                windowEnd = std::min(pos + 64, m_nibbleEnd);
+                escapes = MatchMask64(pNibbles + pos, biasNib) & LowBits(unsigned(windowEnd - pos));
+            }
+            // The literals up to the next escape (or the window's end) go out together.
+            const uint64_t ahead = escapes >> (pos - base);
+            const size_t escapeAt = ahead != 0 ? unsigned(__builtin_ctzll(ahead)) : windowEnd - pos;
+            const size_t literals = std::min(escapeAt, count - done);
+            if (literals != 0) {
+                for (size_t k = 0; k < literals; k += 16)
+                    std::memcpy(pOut + done + k, pNibbles + pos + k, 16);
+                last = pNibbles[pos + literals - 1];
+                pos += literals;
+                done += literals;
+            }
+            if (done == count)
+                break;
+            if (ahead == 0) {
+                if (pos >= m_nibbleEnd)
+                    return false;
+                continue;
+            }
+            if (pos + 4 > m_nibbleEnd) {
+                // An escape at the stream's end: its run length is read with every bound checked.
                 m_nibblePos = pos;
                 m_nmNib = last;
                 m_nonMatchCnt = 0;
                 if (!NextSlot(biasNib, pOut[done]))
                     return false;
                 pos = m_nibblePos;
-                last = m_nmNib;
                 owed = m_nonMatchCnt;
                 ++done;
                 continue;
             }
-            // Sixteen nibbles at once: the literals before the first escape go out together (all
-            // sixteen are stored; those past the literals are written over later), and then the
-            // escape and its run length.
-            const unsigned escapeAt = CopySixteen(pNibbles + pos, biasNib, pOut + done);
-            const size_t literals = std::min<size_t>(escapeAt, count - done);
-            if (literals != 0) {
-                last = pNibbles[pos + literals - 1];
-                pos += literals;
-                done += literals;
-            }
-            // The escape and up to three nibbles of run length must lie in the window.
-            if (literals != escapeAt || escapeAt + 4 > 16 || done == count)
-                continue;
             uint8_t runLength = pNibbles[pos + 1];
             if (runLength != biasNib) {
                 pos += 2;
@@ -124,28 +140,6 @@ public:
     uint8_t& RepeatsOwed() { return m_nonMatchCnt; }
 
 private:
-    // Stores the sixteen nibbles at pNibbles to pOut and returns the position of the first that
-    // equals `escape` (16 when none does).
-    static unsigned CopySixteen(const uint8_t* pNibbles, uint8_t escape, uint8_t* pOut)
-    {
-#ifdef __SSE2__
-        const __m128i v = _mm_loadu_si128(reinterpret_cast<const __m128i*>(pNibbles));
-        _mm_storeu_si128(reinterpret_cast<__m128i*>(pOut), v);
-        const unsigned escapes = unsigned(_mm_movemask_epi8(_mm_cmpeq_epi8(v, _mm_set1_epi8(char(escape)))));
-        return unsigned(__builtin_ctz(escapes | 0x10000));
-#else
-        const uint64_t repeated = 0x0101010101010101ull * escape;
-        const uint64_t first = LoadLE<uint64_t>(pNibbles), second = LoadLE<uint64_t>(pNibbles + 8);
-        StoreLE<uint64_t>(pOut, first);
-        StoreLE<uint64_t>(pOut + 8, second);
-        const uint64_t marks = ZeroBytes(first ^ repeated);
-        if (marks != 0)
-            return unsigned(__builtin_ctzll(marks)) / 8;
-        const uint64_t marks2 = ZeroBytes(second ^ repeated);
-        return marks2 != 0 ? 8 + unsigned(__builtin_ctzll(marks2)) / 8 : 16;
-#endif
-    }
-
     // Up to `room` of the `owed` repeats of `nibble` (owed drops by as many), eight at a time into
     // the room past the plane's count: most runs are short. Returns how many.
     static size_t PutRepeats(uint8_t nibble, unsigned& owed, size_t room, uint8_t* pOut)
