@@ -54,8 +54,10 @@ public:
     bool Decode(const uint8_t* pMap, const uint8_t* pMapEnd, size_t slots)
     {
         const size_t words = (slots + 63) / 64;
-        // An entry may set bits up to 64 slots past the last one: two spare words take them.
-        std::memset(m_words, 0, (words + 2) * sizeof(uint64_t));
+        // The word being filled is held in a register and stored when an entry crosses into the
+        // next; every word up to two past the last slot's is written exactly once.
+        uint64_t* pWord = m_words;
+        uint64_t bits = 0;
         size_t pos = 0;
         while (pos < slots) {
             if (pMap == pMapEnd)
@@ -63,28 +65,40 @@ public:
             const uint8_t entry = *pMap++;
             if (entry < 0xC0) {
                 // Groups, non-match runs and short skips are at most 64 slots: one table pattern
-                // ORed in at pos, spilling into the next word.
+                // at pos, spilling into the next word.
                 const SMapPattern pattern = MAP_PATTERNS[entry];
                 const unsigned shift = pos & 63;
-                m_words[pos >> 6] |= pattern.bits << shift;
-                m_words[(pos >> 6) + 1] |= (pattern.bits >> 1) >> (63 - shift);
+                bits |= pattern.bits << shift;
+                if (shift + pattern.length >= 64) {
+                    *pWord++ = bits;
+                    bits = (pattern.bits >> 1) >> (63 - shift);
+                }
                 pos += pattern.length;
             } else {
                 size_t matches;
                 if (!ReadMatchSkip(entry, pMap, pMapEnd, matches))
                     return false;
-                pos += matches;
-                if (pos >= slots)
+                const size_t next = pos + matches;
+                if (next >= slots) {
+                    pos = next;
                     break;
-                m_words[pos >> 6] |= uint64_t(1) << (pos & 63);
-                ++pos;
+                }
+                // Matches leave 0 bits: the words they pass are finished as they stand.
+                for (uint64_t* pTarget = m_words + next / 64; pWord != pTarget; bits = 0)
+                    *pWord++ = bits;
+                bits |= uint64_t(1) << (next & 63);
+                pos = next + 1;
+                if (pos % 64 == 0) {
+                    *pWord++ = bits;
+                    bits = 0;
+                }
             }
         }
-        // Bits past the last slot belong to no slot.
+        // The last words, and bits past the last slot cleared: they belong to no slot.
+        for (uint64_t* pEnd = m_words + words + 2; pWord != pEnd; bits = 0)
+            *pWord++ = bits;
         if (slots % 64 != 0)
             m_words[words - 1] &= (uint64_t(1) << (slots % 64)) - 1;
-        m_words[words] = 0;
-        m_words[words + 1] = 0;
         return true;
     }
 
