@@ -86,12 +86,24 @@ public:
             if (left >= 64) {
                 // At a boundary, six slots that are neither all matches nor all non-matches make one
                 // group entry whatever the slot first: a run of 1 to 5 matches folds into exactly
-                // that group, and 0x3E is the group of five matches and a non-match.
+                // that group, and 0x3E is the group of five matches and a non-match. All-zero
+                // groups are counted from the run of non-matches and go out, held back, in front of
+                // the group after them, which follows at once whatever it holds.
                 unsigned used = 0;
                 for (; used <= 58; used += 6) {
-                    const unsigned group = unsigned(window >> used) & 0x3F;
-                    if (group == 0 || group == 0x3F)
-                        break;
+                    unsigned group = unsigned(window >> used) & 0x3F;
+                    if (group == 0x3F)
+                        break; // a run of six or more matches
+                    if (group == 0) {
+                        const uint64_t rest = window >> used;
+                        const unsigned zeros = rest == 0 ? 64 : unsigned(__builtin_ctzll(rest));
+                        const unsigned whole = zeros - zeros % 6;
+                        if (used + whole > 58)
+                            break;
+                        used += whole;
+                        group = unsigned(window >> used) & 0x3F;
+                        pOut = PutHeldBack(pOut, whole);
+                    }
                     *pOut++ = REVERSED6[group];
                 }
                 if (used != 0) {
@@ -124,13 +136,11 @@ public:
             if (zeros >= valid)
                 zeros = RunLength(pMatches, slots, p, 0);
             if (zeros >= 6) {
-                size_t heldBack = zeros - zeros % 6;
+                const size_t heldBack = zeros - zeros % 6;
                 p += heldBack;
                 left -= heldBack;
                 window = Window(pMatches, p);
-                for (; heldBack > 63; heldBack -= 63)
-                    *pOut++ = 0x7F;
-                *pOut++ = uint8_t(0x40 | heldBack);
+                pOut = PutHeldBack(pOut, heldBack);
             }
             const unsigned width = left < 6 ? unsigned(left) : 6;
             *pOut++ = REVERSED6[window & LowBits(width)];
@@ -202,6 +212,15 @@ private:
             pOut = PutRunCode(pOut, run, remainder, runTooLong);
         }
         return 0;
+    }
+
+    // Held-back all-zero groups as non-match run entries of up to 63 slots.
+    static uint8_t* PutHeldBack(uint8_t* pOut, size_t heldBack)
+    {
+        for (; heldBack > 63; heldBack -= 63)
+            *pOut++ = 0x7F;
+        *pOut++ = uint8_t(0x40 | heldBack);
+        return pOut;
     }
 
     // The long forms subtract their base; what is left decides whether the map closes with an
