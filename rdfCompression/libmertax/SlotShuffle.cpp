@@ -62,6 +62,18 @@ constexpr std::array<uint64_t, 256> SPREAD_ORDERS = MakeOrders(true);
 constexpr std::array<uint64_t, 256> GATHER_ORDERS = MakeOrders(false);
 constexpr uint64_t EIGHT = 0x0808080808080808ull;
 
+// The gather orders for the high eight slots of sixteen: every index 8 higher (0x80 stays above
+// 0x7F, so the shuffle still yields 0 there).
+constexpr std::array<uint64_t, 256> MakeHighOrders()
+{
+    std::array<uint64_t, 256> orders = MakeOrders(false);
+    for (uint64_t& order : orders)
+        order += EIGHT;
+    return orders;
+}
+
+constexpr std::array<uint64_t, 256> GATHER_ORDERS_HIGH = MakeHighOrders();
+
 } // namespace
 
 __attribute__((target("ssse3,popcnt"))) size_t SpreadSlotsSsse3(uint64_t bits, const uint8_t* pValues, uint8_t fill,
@@ -93,7 +105,8 @@ __attribute__((target("ssse3,popcnt"))) inline unsigned GatherSixteen(unsigned b
 {
     const unsigned low = bits & 0xFF;
     const unsigned high = bits >> 8;
-    const __m128i order = _mm_set_epi64x(int64_t(GATHER_ORDERS[high] + EIGHT), int64_t(GATHER_ORDERS[low]));
+    const __m128i order = _mm_unpacklo_epi64(_mm_loadl_epi64(reinterpret_cast<const __m128i*>(&GATHER_ORDERS[low])),
+                                             _mm_loadl_epi64(reinterpret_cast<const __m128i*>(&GATHER_ORDERS_HIGH[high])));
     const __m128i packed = _mm_shuffle_epi8(slots, order);
     const unsigned lowCount = unsigned(__builtin_popcount(low));
     _mm_storel_epi64(reinterpret_cast<__m128i*>(pOut), packed);
