@@ -97,7 +97,7 @@ public:
         if (m_staged % 2 != 0) {
             if (lastEscape == m_lastNM && m_nmRunLength < NM_RUN_LENGTH_MAX) {
                 // lastEscape would only lengthen the run and write nothing: the pending data
-                // nibble still has to reach the stream, in a byte of its own.
+                // nibble still has to reach the stream, with a 0 low half.
                 Put(0);
                 return Pack(pOut, writeLimit);
             }
