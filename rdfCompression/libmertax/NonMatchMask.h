@@ -66,13 +66,15 @@ public:
             if (entry < 0xC0) {
                 // Groups, non-match runs and short skips are at most 64 slots: one table pattern
                 // at pos, spilling into the next word.
+                // Without a branch: the crossing comes every few entries at no predictable place.
                 const SMapPattern pattern = MAP_PATTERNS[entry];
                 const unsigned shift = pos & 63;
                 bits |= pattern.bits << shift;
-                if (shift + pattern.length >= 64) {
-                    *pWord++ = bits;
-                    bits = (pattern.bits >> 1) >> (63 - shift);
-                }
+                *pWord = bits;
+                const bool crossed = shift + pattern.length >= 64;
+                const uint64_t spill = (pattern.bits >> 1) >> (63 - shift);
+                pWord += crossed;
+                bits = crossed ? spill : bits;
                 pos += pattern.length;
             } else {
                 size_t matches;
