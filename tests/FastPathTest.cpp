@@ -106,7 +106,7 @@ TEST(FastPath, StreamReaderWindowAgreesWithNibbleByNibble)
             stream[i] = uint8_t(nibbles[2 * i] << 4 | nibbles[2 * i + 1]);
         const uint8_t escape = uint8_t(rng() % 4);
         CNonMatchReader window(stream.data(), stream.size(), escape), single(stream.data(), stream.size(), escape);
-        std::vector<uint8_t> taken(nibbles.size() * 255 + 16), expected;
+        std::vector<uint8_t> taken(nibbles.size() * 255 + CNonMatchReader::OUTPUT_SLACK), expected;
         size_t done = 0;
         for (;;) {
             uint8_t nibble;
@@ -121,7 +121,7 @@ TEST(FastPath, StreamReaderWindowAgreesWithNibbleByNibble)
             done += count;
         }
         ASSERT_TRUE(std::equal(expected.begin(), expected.end(), taken.begin())) << "round " << round;
-        uint8_t past[17];
+        uint8_t past[1 + CNonMatchReader::OUTPUT_SLACK];
         EXPECT_FALSE(window.Take(1, escape, past)) << "round " << round;
     }
 }

@@ -34,8 +34,12 @@ public:
     // last literal again with the run's remaining repeats now owed. False when the stream ends.
     bool Next(uint8_t biasNib, uint8_t& nibble) { return NextSlot(biasNib, nibble); }
 
+    // Room past its count that Take's output must have: literals are copied 64 at a time.
+    static constexpr size_t OUTPUT_SLACK = 64;
+
     // The nibbles of the next `count` non-match slots of a plane whose bias nibble is biasNib, one
-    // per byte into pOut, which must have room for count + 15 bytes. False when the stream ends.
+    // per byte into pOut, which must have room for count + OUTPUT_SLACK bytes. False when the
+    // stream ends.
     bool Take(size_t count, uint8_t biasNib, uint8_t* pOut)
     {
         // The reader's state is worked in locals: stores through pOut may alias the members, which
@@ -66,8 +70,9 @@ public:
             const size_t escapeAt = ahead != 0 ? unsigned(__builtin_ctzll(ahead)) : windowEnd - pos;
             const size_t literals = std::min(escapeAt, count - done);
             if (literals != 0) {
-                for (size_t k = 0; k < literals; k += 16)
-                    std::memcpy(pOut + done + k, pNibbles + pos + k, 16);
+                // The whole window, whatever the count: a copy loop's exit would be mispredicted
+                // at every escape.
+                std::memcpy(pOut + done, pNibbles + pos, 64);
                 last = pNibbles[pos + literals - 1];
                 pos += literals;
                 done += literals;
@@ -205,5 +210,5 @@ private:
     size_t m_nibblePos;
     uint8_t m_nmNib;
     uint8_t m_nonMatchCnt;
-    uint8_t m_aNibbles[2 * MAX_STREAM_BYTES + 32];
+    uint8_t m_aNibbles[2 * MAX_STREAM_BYTES + 64]; // a window is read whole, also at the end
 };

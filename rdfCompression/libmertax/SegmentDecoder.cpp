@@ -132,7 +132,7 @@ size_t COptimalBiasDulo::Inflate(const uint8_t* pCmpData, size_t segLength, uint
     // last pending nibble wrote it and as the reference decoder reads it; never past the segment.
     CNonMatchReader nonMatches(pCmpData + fields.dataOffset, segLength - fields.dataOffset,
                                uint8_t(bias >> (8 * sizeof(T) - 4)));
-    uint8_t values[MAX_SEGMENT_DATA + 16];
+    uint8_t values[MAX_SEGMENT_DATA + CNonMatchReader::OUTPUT_SLACK];
     const SlotSpreadFn spread = ActiveKernels().spread;
     for (unsigned plane = 0; plane < PLANES; ++plane) {
         const unsigned shift = 4 * (PLANES - 1 - plane);
