@@ -168,14 +168,14 @@ private:
         return 64 * w + unsigned(__builtin_ctzll(clear));
     }
 
-    // Literals go in as they stand, sixteen bytes at a time: the staging area has room past its
-    // end and the plane buffer is readable past its count.
+    // Literals go in as they stand, 64 bytes at a time (most stretches take one step, with no loop
+    // exit to mispredict): the staging area has room past its end and the plane buffer is
+    // readable past its count.
     static uint8_t* CopyLiterals(uint8_t* pOut, const uint8_t* pNibbles, size_t count)
     {
-        size_t k = 0;
-        do
-            std::memcpy(pOut + k, pNibbles + k, 16);
-        while ((k += 16) < count);
+        std::memcpy(pOut, pNibbles, 64);
+        for (size_t k = 64; k < count; k += 64)
+            std::memcpy(pOut + k, pNibbles + k, 64);
         return pOut + count;
     }
 
@@ -242,7 +242,7 @@ private:
     uint8_t m_aPlane[16 + MAX_PLANE_NIBBLES + PLANE_SLACK];
     // Every run codes to no more nibbles than it has slots, so the stream stays within one nibble
     // per coded slot, plus the closing ones and the copies' overrun.
-    static constexpr size_t MAX_STAGED = 2 * MAX_SEGMENT_DATA + 64;
+    static constexpr size_t MAX_STAGED = 2 * MAX_SEGMENT_DATA + 128;
 
     uint8_t m_aStaged[MAX_STAGED];
     size_t m_staged = 0;
