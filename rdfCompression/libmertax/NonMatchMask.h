@@ -6,6 +6,7 @@
 #include "BitOps.h"
 #include "MapEntry.h"
 
+#include <algorithm>
 #include <array>
 #include <cstddef>
 #include <cstdint>
@@ -60,22 +61,20 @@ public:
         uint64_t bits = 0;
         size_t pos = 0;
         while (pos < slots) {
+            // Entries below 0xC0 cover at most 64 slots each: this many of them can be taken with
+            // no test of the map's end or of the last slot.
+            for (size_t safe = std::min<size_t>(size_t(pMapEnd - pMap), (slots - pos) / 64); safe != 0; --safe) {
+                if (*pMap >= 0xC0)
+                    break;
+                PutPattern(MAP_PATTERNS[*pMap++], pos, pWord, bits);
+            }
+            if (pos >= slots)
+                break;
             if (pMap == pMapEnd)
                 return false;
             const uint8_t entry = *pMap++;
             if (entry < 0xC0) {
-                // Groups, non-match runs and short skips are at most 64 slots: one table pattern
-                // at pos, spilling into the next word.
-                // Without a branch: the crossing comes every few entries at no predictable place.
-                const SMapPattern pattern = MAP_PATTERNS[entry];
-                const unsigned shift = pos & 63;
-                bits |= pattern.bits << shift;
-                *pWord = bits;
-                const bool crossed = shift + pattern.length >= 64;
-                const uint64_t spill = (pattern.bits >> 1) >> (63 - shift);
-                pWord += crossed;
-                bits = crossed ? spill : bits;
-                pos += pattern.length;
+                PutPattern(MAP_PATTERNS[entry], pos, pWord, bits);
             } else {
                 size_t matches;
                 if (!ReadMatchSkip(entry, pMap, pMapEnd, matches))
@@ -124,5 +123,20 @@ public:
     }
 
 private:
+    // Groups, non-match runs and short skips are at most 64 slots: one table pattern at pos,
+    // spilling into the next word. Without a branch: the crossing comes every few entries at no
+    // predictable place.
+    static void PutPattern(const SMapPattern& pattern, size_t& pos, uint64_t*& pWord, uint64_t& bits)
+    {
+        const unsigned shift = pos & 63;
+        const unsigned __int128 placed = static_cast<unsigned __int128>(pattern.bits) << shift;
+        bits |= uint64_t(placed);
+        *pWord = bits;
+        const bool crossed = shift + pattern.length >= 64;
+        pWord += crossed;
+        bits = crossed ? uint64_t(placed >> 64) : bits;
+        pos += pattern.length;
+    }
+
     uint64_t m_words[MAX_SLOTS / 64 + 2];
 };
