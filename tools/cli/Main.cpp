@@ -18,11 +18,16 @@
 
 namespace {
 
-// An installed tool finds the plugin installed with it, also outside HDF5's own plugin folder.
-void FindInstalledPlugin()
+// The tool finds the plugin it was built or installed with, also outside HDF5's own plugin
+// folders: in a build tree the plugin folder beside its own folder, else the installed one.
+void FindOwnPlugin()
 {
     std::error_code error;
-    if (std::filesystem::exists(MERTAX_INSTALLED_PLUGIN_DIR "/libmertax.so", error))
+    const std::filesystem::path buildTree =
+        std::filesystem::read_symlink("/proc/self/exe", error).parent_path().parent_path() / "plugin";
+    if (!error && std::filesystem::exists(buildTree / "libmertax.so", error))
+        H5PLprepend(buildTree.c_str());
+    else if (std::filesystem::exists(MERTAX_INSTALLED_PLUGIN_DIR "/libmertax.so", error))
         H5PLprepend(MERTAX_INSTALLED_PLUGIN_DIR);
 }
 
@@ -95,7 +100,7 @@ int main(int argc, char** argv)
     }
 
     try {
-        FindInstalledPlugin();
+        FindOwnPlugin();
         if (compress->parsed())
             CompressRaw(raw);
         else if (expand->parsed())
