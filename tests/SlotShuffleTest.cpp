@@ -8,6 +8,7 @@
 #include <gtest/gtest.h>
 
 #include <random>
+#include <string>
 #include <vector>
 
 namespace {
@@ -60,33 +61,36 @@ TEST(SlotShuffle, EverySpreadAgreesWithPlainReading)
 
 TEST(SlotShuffle, EveryClassifyAgreesWithPlainReading)
 {
+    std::mt19937_64 otherHalves(11);
     for (EKernelSet set : SupportedKernelSets()) {
         const SlotClassifyFn classify = KernelsOf(set).classify;
         for (const SBlock& block : RandomBlocks()) {
-            // The slots hold nibbles; a block's bits choose which of them equal the one tested.
-            const uint8_t nibble = uint8_t(block.bits >> 60);
-            std::vector<uint8_t> slots(block.bytes.begin(), block.bytes.begin() + 64);
-            for (unsigned slot = 0; slot < 64; ++slot)
-                if ((block.bits >> slot) & 1)
-                    slots[slot] = nibble;
-            uint64_t expectedMatches = 0;
-            std::vector<uint8_t> expected;
-            for (unsigned slot = 0; slot < 64; ++slot) {
-                if (slots[slot] == nibble)
-                    expectedMatches |= uint64_t(1) << slot;
-                else
-                    expected.push_back(slots[slot]);
+            for (const bool high : {false, true}) {
+                // The tested halves hold nibbles, a block's bits choosing which equal the one
+                // tested; the other halves hold noise, which must not count.
+                const uint8_t nibble = uint8_t(block.bits >> 60);
+                std::vector<uint8_t> bytes(64), expected;
+                uint64_t expectedMatches = 0;
+                for (unsigned slot = 0; slot < 64; ++slot) {
+                    const uint8_t slotNibble = (block.bits >> slot) & 1 ? nibble : block.bytes[slot];
+                    const uint8_t other = uint8_t(otherHalves() & 0xF);
+                    bytes[slot] = high ? uint8_t(slotNibble << 4 | other) : uint8_t(other << 4 | slotNibble);
+                    if (slotNibble == nibble)
+                        expectedMatches |= uint64_t(1) << slot;
+                    else
+                        expected.push_back(slotNibble);
+                }
+                // Classified after three bytes already there, which must stay; the kernels may
+                // write a whole block's 64 bytes from where they start.
+                std::vector<uint8_t> out(3 + 64, 0xEE);
+                uint64_t matches = 0;
+                const size_t put = classify(bytes.data(), high, nibble, out.data() + 3, &matches);
+                SCOPED_TRACE(std::string(KernelsOf(set).name) + (high ? ", high halves" : ", low halves"));
+                ASSERT_EQ(matches, expectedMatches);
+                ASSERT_EQ(put, expected.size());
+                ASSERT_EQ(std::vector<uint8_t>(out.begin() + 3, out.begin() + 3 + std::ptrdiff_t(put)), expected);
+                ASSERT_EQ(out[0] & out[1] & out[2], 0xEE);
             }
-            // Classified after three bytes already there, which must stay; the kernels may write
-            // a whole block's 64 bytes from where they start.
-            std::vector<uint8_t> out(3 + 64, 0xEE);
-            uint64_t matches = 0;
-            const size_t put = classify(slots.data(), nibble, out.data() + 3, &matches);
-            SCOPED_TRACE(KernelsOf(set).name);
-            ASSERT_EQ(matches, expectedMatches);
-            ASSERT_EQ(put, expected.size());
-            ASSERT_EQ(std::vector<uint8_t>(out.begin() + 3, out.begin() + 3 + std::ptrdiff_t(put)), expected);
-            ASSERT_EQ(out[0] & out[1] & out[2], 0xEE);
         }
     }
 }

@@ -16,37 +16,57 @@
 #include <type_traits>
 #include <utility>
 
+#ifdef __SSE2__
+#include <emmintrin.h>
+#endif
+
 namespace {
 
-// The nibble at SHIFT of 64 cells, one per byte. Out of line, with the shift fixed at compile
-// time, the compiler sees that the buffers do not overlap and vectorizes the loop in the cells'
-// own width (a shift by a variable would be done in int).
-template <typename T, unsigned SHIFT>
-__attribute__((noinline)) void ExtractNibbles(const uint8_t* __restrict pCells, uint8_t* __restrict pNibbles)
+// Byte BYTE of 64 little-endian cells: with SSE2 sixteen 16- or 32-bit cells a step; otherwise
+// out of line, with the byte fixed at compile time, where the compiler sees that the buffers do
+// not overlap and vectorizes the loop in the cells' own width.
+template <typename T, unsigned BYTE>
+__attribute__((noinline)) void ExtractBytes(const uint8_t* __restrict pCells, uint8_t* __restrict pBytes)
 {
+#ifdef __SSE2__
+    if constexpr (sizeof(T) == 2 || sizeof(T) == 4) {
+        // Sixteen cells a step: each cell's byte into its low byte, then packed down (the packs
+        // saturate, which values below 256 never reach).
+        const auto lowByte = [](const uint8_t* p) {
+            const __m128i v = _mm_loadu_si128(reinterpret_cast<const __m128i*>(p));
+            if constexpr (sizeof(T) == 2)
+                return _mm_srli_epi16(_mm_slli_epi16(v, 8 - 8 * BYTE), 8);
+            else
+                return _mm_srli_epi32(_mm_slli_epi32(v, 24 - 8 * BYTE), 24);
+        };
+        for (unsigned i = 0; i < 64; i += 16) {
+            const uint8_t* p = pCells + i * sizeof(T);
+            __m128i packed;
+            if constexpr (sizeof(T) == 2)
+                packed = _mm_packus_epi16(lowByte(p), lowByte(p + 16));
+            else
+                packed = _mm_packus_epi16(_mm_packs_epi32(lowByte(p), lowByte(p + 16)),
+                                          _mm_packs_epi32(lowByte(p + 32), lowByte(p + 48)));
+            _mm_storeu_si128(reinterpret_cast<__m128i*>(pBytes + i), packed);
+        }
+        return;
+    }
+#endif
     for (unsigned i = 0; i < 64; ++i)
-        pNibbles[i] = uint8_t(LoadLE<T>(pCells + i * sizeof(T)) >> SHIFT) & 0xF;
+        pBytes[i] = uint8_t(LoadLE<T>(pCells + i * sizeof(T)) >> (8 * BYTE));
 }
 
-using NibbleExtractor = void (*)(const uint8_t*, uint8_t*);
+using ByteExtractor = void (*)(const uint8_t*, uint8_t*);
 
-// The low bytes of 64 little-endian 16-bit cells, vectorized for the same reason.
-__attribute__((noinline)) void LowBytes(const uint8_t* __restrict pCells, uint8_t* __restrict pOut)
+template <typename T, size_t... BYTE>
+constexpr std::array<ByteExtractor, sizeof...(BYTE)> MakeExtractors(std::index_sequence<BYTE...>)
 {
-    for (unsigned i = 0; i < 64; ++i)
-        pOut[i] = pCells[2 * i];
+    return {&ExtractBytes<T, unsigned(BYTE)>...};
 }
 
-// The extractor of each nibble plane, indexed by the plane's shift / 4.
-template <typename T, size_t... NIBBLE>
-constexpr std::array<NibbleExtractor, sizeof...(NIBBLE)> MakeExtractors(std::index_sequence<NIBBLE...>)
-{
-    return {&ExtractNibbles<T, unsigned(4 * NIBBLE)>...};
-}
-
+// The extractor of each byte of a cell.
 template <typename T>
-constexpr std::array<NibbleExtractor, 2 * sizeof(T)> EXTRACTORS =
-    MakeExtractors<T>(std::make_index_sequence<2 * sizeof(T)>());
+constexpr std::array<ByteExtractor, sizeof(T)> EXTRACTORS = MakeExtractors<T>(std::make_index_sequence<sizeof(T)>());
 
 // Longest segment the 13-bit compSegSize field can describe, as a multiple of 4.
 constexpr size_t MAX_PADDED_SEGMENT = 8188;
@@ -116,31 +136,42 @@ size_t COptimalBiasDulo::Deflate(uint8_t* pUncData, const uint16_t& segSize, T s
     // A plane's non-match nibbles are gathered into the coder and coded together at the plane's end.
     uint8_t* const planeNibbles = nibbles.PlaneNibbles();
     const SlotClassifyFn classify = ActiveKernels().classify;
+    // The byte of every cell that holds the planes' nibbles, taken out once for its two planes
+    // (byte cells are their own bytes).
+    uint8_t byteRow[sizeof(T) == 1 ? 1 : MAX_SEGMENT_DATA / 2];
+    unsigned byteInRow = sizeof(T);
 
     for (unsigned plane = skippedPlanes; plane < PLANES; ++plane) {
         const unsigned nibShift = 4 * (PLANES - 1 - plane);
-        const T biasNibMask = T(T(0xF) << nibShift);
-        const T biasNib = T(bias & biasNibMask);
-        const uint8_t escape = uint8_t(biasNib >> nibShift);
-        const NibbleExtractor extract = EXTRACTORS<T>[nibShift / 4];
+        const uint8_t escape = uint8_t(bias >> nibShift) & 0xF;
+        const unsigned byte = nibShift / 8;
+        const bool high = nibShift % 8 != 0;
+        const uint8_t* pBytes = pUncData;
+        if constexpr (sizeof(T) > 1) {
+            if (byte != byteInRow) {
+                size_t e = 0;
+                for (; e + 64 <= elems; e += 64)
+                    EXTRACTORS<T>[byte](pUncData + e * sizeof(T), byteRow + e);
+                for (; e < elems; ++e)
+                    byteRow[e] = uint8_t(LoadLE<T>(pUncData + e * sizeof(T)) >> (8 * byte));
+                byteInRow = byte;
+            }
+            pBytes = byteRow;
+        }
         size_t nonMatchCount = 0;
         // Slots are classified 64 at a time into a mask of matches, and the non-matches' nibbles
-        // gathered in slot order. A whole block first has its nibbles taken out, one per byte,
-        // which every cell size then tests alike.
+        // gathered in slot order, from the row of bytes that every cell size comes to.
         for (size_t e = 0; e < elems; e += 64) {
             const unsigned count = unsigned(std::min<size_t>(64, elems - e));
-            const uint8_t* pCells = pUncData + e * sizeof(T);
             uint64_t matches = 0;
             if (count == 64) {
-                uint8_t blockNibbles[64];
-                extract(pCells, blockNibbles);
-                nonMatchCount += classify(blockNibbles, escape, planeNibbles + nonMatchCount, &matches);
+                nonMatchCount += classify(pBytes + e, high, escape, planeNibbles + nonMatchCount, &matches);
             } else {
-                for (unsigned i = 0; i < count; ++i)
-                    matches |= uint64_t((LoadLE<T>(pCells + i * sizeof(T)) & biasNibMask) == biasNib) << i;
-                for (uint64_t nonMatches = ~matches & LowBits(count); nonMatches != 0; nonMatches &= nonMatches - 1) {
-                    const unsigned i = unsigned(__builtin_ctzll(nonMatches));
-                    planeNibbles[nonMatchCount++] = uint8_t((LoadLE<T>(pCells + i * sizeof(T)) >> nibShift) & 0xF);
+                for (unsigned i = 0; i < count; ++i) {
+                    const uint8_t nibble = uint8_t(high ? pBytes[e + i] >> 4 : pBytes[e + i] & 0xF);
+                    matches |= uint64_t(nibble == escape) << i;
+                    planeNibbles[nonMatchCount] = nibble;
+                    nonMatchCount += nibble != escape;
                 }
             }
             matchBits.Append(matches, count);
@@ -189,7 +220,7 @@ size_t COptimalBiasDulo::Deflate(uint8_t* pUncData, const uint16_t& segSize, T s
         if (reduced) {
             size_t i = 0;
             for (; i + 64 <= elems; i += 64)
-                LowBytes(pUncData + i * sizeof(T), pRaw + i);
+                ExtractBytes<T, 0>(pUncData + i * sizeof(T), pRaw + i);
             for (; i < elems; ++i)
                 pRaw[i] = pUncData[i * sizeof(T)];
         } else {

@@ -26,10 +26,13 @@ size_t GatherSlotsPortable(uint64_t bits, const uint8_t* pSlots, uint8_t* pOut)
     return put;
 }
 
-size_t ClassifySlotsPortable(const uint8_t* pSlots, uint8_t nibble, uint8_t* pOut, uint64_t* pMatches)
+size_t ClassifySlotsPortable(const uint8_t* pBytes, bool high, uint8_t nibble, uint8_t* pOut, uint64_t* pMatches)
 {
-    *pMatches = MatchMask64(pSlots, nibble);
-    return GatherSlotsPortable(~*pMatches, pSlots, pOut);
+    uint8_t slots[64];
+    for (unsigned i = 0; i < 64; ++i)
+        slots[i] = high ? pBytes[i] >> 4 : pBytes[i] & 0xF;
+    *pMatches = MatchMask64(slots, nibble);
+    return GatherSlotsPortable(~*pMatches, slots, pOut);
 }
 
 #ifdef MERTAX_HAVE_X86_KERNELS
@@ -125,14 +128,18 @@ __attribute__((target("ssse3,popcnt"))) size_t GatherSlotsSsse3(uint64_t bits, c
 
 // Sixteen slots at a time: one compare gives their match bits, and the others are gathered from
 // the same register.
-__attribute__((target("ssse3,popcnt"))) size_t ClassifySlotsSsse3(const uint8_t* pSlots, uint8_t nibble,
+__attribute__((target("ssse3,popcnt"))) size_t ClassifySlotsSsse3(const uint8_t* pBytes, bool high, uint8_t nibble,
                                                                    uint8_t* pOut, uint64_t* pMatches)
 {
     const __m128i target = _mm_set1_epi8(char(nibble));
+    const __m128i low4 = _mm_set1_epi8(0x0F);
     uint64_t matches = 0;
     size_t put = 0;
     for (unsigned block = 0; block < 4; ++block) {
-        const __m128i slots = _mm_loadu_si128(reinterpret_cast<const __m128i*>(pSlots + 16 * block));
+        __m128i slots = _mm_loadu_si128(reinterpret_cast<const __m128i*>(pBytes + 16 * block));
+        if (high)
+            slots = _mm_srli_epi16(slots, 4);
+        slots = _mm_and_si128(slots, low4);
         const unsigned match = unsigned(_mm_movemask_epi8(_mm_cmpeq_epi8(slots, target)));
         matches |= uint64_t(match) << (16 * block);
         put += GatherSixteen(~match & 0xFFFF, slots, pOut + put);
