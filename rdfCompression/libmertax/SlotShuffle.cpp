@@ -91,6 +91,7 @@ __attribute__((target("ssse3,popcnt"))) size_t SpreadSlotsSsse3(uint64_t bits, c
     const __m128i fills = _mm_set1_epi8(char(fill));
     const __m128i none = _mm_set1_epi8(-1);
     size_t taken = 0;
+#pragma GCC unroll 4
     for (unsigned block = 0; block < 4; ++block, bits >>= 16) {
         const unsigned low = unsigned(bits & 0xFF);
         const unsigned high = unsigned(bits >> 8) & 0xFF;
@@ -126,6 +127,7 @@ __attribute__((target("ssse3,popcnt"))) inline unsigned GatherSixteen(unsigned b
 __attribute__((target("ssse3,popcnt"))) size_t GatherSlotsSsse3(uint64_t bits, const uint8_t* pSlots, uint8_t* pOut)
 {
     size_t put = 0;
+#pragma GCC unroll 4
     for (unsigned block = 0; block < 4; ++block, bits >>= 16)
         put += GatherSixteen(unsigned(bits & 0xFFFF),
                              _mm_loadu_si128(reinterpret_cast<const __m128i*>(pSlots + 16 * block)), pOut + put);
@@ -139,13 +141,13 @@ __attribute__((target("ssse3,popcnt"))) size_t ClassifySlotsSsse3(const uint8_t*
 {
     const __m128i target = _mm_set1_epi8(char(nibble));
     const __m128i low4 = _mm_set1_epi8(0x0F);
+    const __m128i shift = _mm_cvtsi32_si128(high ? 4 : 0); // a shift by a register: no branch per row
     uint64_t matches = 0;
     size_t put = 0;
+#pragma GCC unroll 4
     for (unsigned block = 0; block < 4; ++block) {
         __m128i slots = _mm_loadu_si128(reinterpret_cast<const __m128i*>(pBytes + 16 * block));
-        if (high)
-            slots = _mm_srli_epi16(slots, 4);
-        slots = _mm_and_si128(slots, low4);
+        slots = _mm_and_si128(_mm_srl_epi16(slots, shift), low4);
         const unsigned match = unsigned(_mm_movemask_epi8(_mm_cmpeq_epi8(slots, target)));
         matches |= uint64_t(match) << (16 * block);
         put += GatherSixteen(~match & 0xFFFF, slots, pOut + put);
