@@ -18,6 +18,9 @@ size_t SpreadSlotsPortable(uint64_t bits, const uint8_t* pValues, uint8_t fill, 
     return taken;
 }
 
+namespace {
+
+// Appends to pOut the bytes of the 64-byte pSlots whose bits are set, in order; returns how many.
 size_t GatherSlotsPortable(uint64_t bits, const uint8_t* pSlots, uint8_t* pOut)
 {
     size_t put = 0;
@@ -25,6 +28,8 @@ size_t GatherSlotsPortable(uint64_t bits, const uint8_t* pSlots, uint8_t* pOut)
         pOut[put++] = pSlots[__builtin_ctzll(bits)];
     return put;
 }
+
+} // namespace
 
 size_t ClassifySlotsPortable(const uint8_t* pBytes, bool high, uint8_t nibble, uint8_t* pOut, uint64_t* pMatches)
 {
@@ -122,16 +127,6 @@ __attribute__((target("ssse3,popcnt"))) inline unsigned GatherSixteen(unsigned b
     _mm_storel_epi64(reinterpret_cast<__m128i*>(pOut), packed);
     _mm_storel_epi64(reinterpret_cast<__m128i*>(pOut + lowCount), _mm_unpackhi_epi64(packed, packed));
     return lowCount + unsigned(__builtin_popcount(high));
-}
-
-__attribute__((target("ssse3,popcnt"))) size_t GatherSlotsSsse3(uint64_t bits, const uint8_t* pSlots, uint8_t* pOut)
-{
-    size_t put = 0;
-#pragma GCC unroll 4
-    for (unsigned block = 0; block < 4; ++block, bits >>= 16)
-        put += GatherSixteen(unsigned(bits & 0xFFFF),
-                             _mm_loadu_si128(reinterpret_cast<const __m128i*>(pSlots + 16 * block)), pOut + put);
-    return put;
 }
 
 // Sixteen slots at a time: one compare gives their match bits, and the others are gathered from

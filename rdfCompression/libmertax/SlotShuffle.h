@@ -14,10 +14,6 @@
 // readable for 16 bytes past the last one taken.
 using SlotSpreadFn = size_t (*)(uint64_t bits, const uint8_t* pValues, uint8_t fill, uint8_t* pOut);
 
-// Appends to pOut the bytes of the 64-byte pSlots whose bits are set, in order, and returns how
-// many; pOut must have room for 16 bytes past them.
-using SlotGatherFn = size_t (*)(uint64_t bits, const uint8_t* pSlots, uint8_t* pOut);
-
 // The slots' nibbles are the high (`high`) or the low halves of the 64 bytes at pBytes. Sets
 // *pMatches to the bits of the slots whose nibble equals `nibble`, appends the other nibbles to
 // pOut in order (room for 64 bytes from where they start), and returns how many it appended.
@@ -25,12 +21,10 @@ using SlotClassifyFn = size_t (*)(const uint8_t* pBytes, bool high, uint8_t nibb
                                   uint64_t* pMatches);
 
 size_t SpreadSlotsPortable(uint64_t bits, const uint8_t* pValues, uint8_t fill, uint8_t* pOut);
-size_t GatherSlotsPortable(uint64_t bits, const uint8_t* pSlots, uint8_t* pOut);
 size_t ClassifySlotsPortable(const uint8_t* pBytes, bool high, uint8_t nibble, uint8_t* pOut, uint64_t* pMatches);
 #if defined(__x86_64__)
 #define MERTAX_HAVE_X86_KERNELS 1
 size_t SpreadSlotsSsse3(uint64_t bits, const uint8_t* pValues, uint8_t fill, uint8_t* pOut);
-size_t GatherSlotsSsse3(uint64_t bits, const uint8_t* pSlots, uint8_t* pOut);
 size_t ClassifySlotsSsse3(const uint8_t* pBytes, bool high, uint8_t nibble, uint8_t* pOut, uint64_t* pMatches);
 size_t SpreadSlotsAvx512(uint64_t bits, const uint8_t* pValues, uint8_t fill, uint8_t* pOut);
 size_t ClassifySlotsAvx512(const uint8_t* pBytes, bool high, uint8_t nibble, uint8_t* pOut, uint64_t* pMatches);
