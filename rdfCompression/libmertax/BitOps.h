@@ -30,13 +30,6 @@ constexpr uint64_t ZeroBytes(uint64_t v)
     return ~(((v & 0x7F7F7F7F7F7F7F7Full) + 0x7F7F7F7F7F7F7F7Full) | v) & 0x8080808080808080ull;
 }
 
-// Bit 3 set in every nibble of v that is 0, and nowhere else (no carry crosses a nibble).
-constexpr uint64_t ZeroNibbles(uint64_t v)
-{
-    const uint64_t low3 = 0x7777777777777777ull;
-    return ~(((v & low3) + low3) | v) & 0x8888888888888888ull;
-}
-
 // Set bits of v. Without a population-count instruction in the baseline target the builtin
 // becomes a library call; the bit-parallel sum is faster than that.
 constexpr size_t BitCount(uint64_t v)
