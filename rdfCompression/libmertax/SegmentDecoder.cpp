@@ -3,6 +3,7 @@
 
 #include "BitOps.h"
 #include "ByteAccess.h"
+#include "ByteRows.h"
 #include "KernelDispatch.h"
 #include "NonMatchMask.h"
 #include "NonMatchReader.h"
@@ -14,89 +15,64 @@
 
 namespace {
 
-// Sets `count` cells to `value`: 64 bytes a step (a fixed size the compiler turns into vector
-// stores), then eight bytes, then singly.
-template <typename T>
-void FillCells(uint8_t* pCells, size_t count, T value)
+// Sets `count` bytes to `value`, 64 a step (a fixed size the compiler turns into vector stores;
+// a 4 KiB memset may go to a string instruction that does no better here).
+void FillRow(uint8_t* pRow, size_t count, uint8_t value)
 {
-    const uint64_t repeated = RepeatCell<T>(value);
-    uint64_t block[8];
-    for (uint64_t& word : block)
-        word = repeated;
-    size_t byte = 0;
-    for (; byte + 64 <= count * sizeof(T); byte += 64)
-        std::memcpy(pCells + byte, block, 64);
-    for (; byte + 8 <= count * sizeof(T); byte += 8)
-        StoreLE<uint64_t>(pCells + byte, repeated);
-    for (; byte < count * sizeof(T); byte += sizeof(T))
-        StoreLE<T>(pCells + byte, value);
+    uint8_t block[64];
+    std::memset(block, value, 64);
+    size_t i = 0;
+    for (; i + 64 <= count; i += 64)
+        std::memcpy(pRow + i, block, 64);
+    std::memset(pRow + i, value, count - i);
 }
 
 // Below this many non-matches in a block of 64 slots, putting them one by one beats spreading
 // the whole block.
 constexpr size_t SPARSE_BLOCK = 8;
 
-// Sets the nibble at `shift` of `count` cells to the bytes of pNibbles.
-template <typename T>
-void MergeNibbles(const uint8_t* pNibbles, size_t count, unsigned shift, uint8_t* pCells)
+// Sets the nibble at `shift` (0 or 4) of `count` bytes to the bytes of pNibbles.
+void MergeNibbles(const uint8_t* pNibbles, size_t count, unsigned shift, uint8_t* pBytes)
 {
-    const T keep = T(~(T(0xF) << shift));
-    for (size_t i = 0; i < count; ++i) {
-        uint8_t* pCell = pCells + i * sizeof(T);
-        StoreLE<T>(pCell, T((LoadLE<T>(pCell) & keep) | T(T(pNibbles[i]) << shift)));
-    }
+    const uint8_t keep = uint8_t(~(0xF << shift));
+    for (size_t i = 0; i < count; ++i)
+        pBytes[i] = uint8_t((pBytes[i] & keep) | pNibbles[i] << shift);
 }
 
-// The same for a whole block of 64 cells. Kept out of line, where the compiler sees that the two
-// buffers do not overlap and the count is fixed, so that it vectorizes the loop.
-template <typename T>
-__attribute__((noinline)) void MergeBlock(const uint8_t* __restrict pNibbles, unsigned shift,
-                                          uint8_t* __restrict pCells)
+// The same for a whole block of 64 bytes, eight to a word: a nibble shifted by at most 4 stays in
+// its byte.
+void MergeBlock(const uint8_t* pNibbles, unsigned shift, uint8_t* pBytes)
 {
-    if constexpr (sizeof(T) == 1) {
-        // Eight byte cells per word: a nibble shifted by at most 4 stays in its byte.
-        const uint64_t keep = ~(0x0F0F0F0F0F0F0F0Full << shift);
-        for (unsigned i = 0; i < 64; i += 8)
-            StoreLE<uint64_t>(pCells + i,
-                              (LoadLE<uint64_t>(pCells + i) & keep) | (LoadLE<uint64_t>(pNibbles + i) << shift));
-    } else {
-        const T keep = T(~(T(0xF) << shift));
-        for (unsigned i = 0; i < 64; ++i) {
-            uint8_t* pCell = pCells + i * sizeof(T);
-            // For 16-bit cells a multiplication rather than a shift: the shift would be done in
-            // int, which the vectorized loop would have to widen to and narrow from.
-            const T nibble = sizeof(T) == 2 ? T(T(pNibbles[i]) * T(1u << shift)) : T(T(pNibbles[i]) << shift);
-            StoreLE<T>(pCell, T((LoadLE<T>(pCell) & keep) | nibble));
-        }
-    }
+    const uint64_t keep = ~(0x0F0F0F0F0F0F0F0Full << shift);
+    for (unsigned i = 0; i < 64; i += 8)
+        StoreLE<uint64_t>(pBytes + i, (LoadLE<uint64_t>(pBytes + i) & keep) | (LoadLE<uint64_t>(pNibbles + i) << shift));
 }
 
-// Sets the nibble at `shift` of every non-match cell of one plane to the next value from pValues;
-// the cells already hold the bias, which is what a match leaves. Dense blocks of 64 slots are
-// spread into a row of nibbles and merged whole; sparse ones are put cell by cell.
-template <typename T>
+// Sets the nibble at `shift` (0 or 4) of every non-match byte of one plane's row to the next value
+// from pValues; the row already holds the bias, which is what a match leaves. Dense blocks of 64
+// slots are spread into a row of nibbles and merged whole; sparse ones are put byte by byte.
 void PutPlane(const CNonMatchMask& mask, size_t firstSlot, size_t elems, unsigned shift, uint8_t biasNib,
-              const uint8_t* pValues, uint8_t* pCells, SlotSpreadFn spread)
+              const uint8_t* pValues, uint8_t* pRow, SlotSpreadFn spread)
 {
-    const T keep = T(~(T(0xF) << shift));
+    const uint8_t keep = uint8_t(~(0xF << shift));
     uint8_t nibbles[64];
     for (size_t elem = 0; elem < elems; elem += 64) {
         uint64_t bits = mask.BitsAt(firstSlot + elem);
         const size_t count = std::min<size_t>(64, elems - elem);
         if (count < 64)
             bits &= LowBits(unsigned(count));
-        uint8_t* pBlock = pCells + elem * sizeof(T);
+        uint8_t* pBlock = pRow + elem;
         if (BitCount(bits) > SPARSE_BLOCK) {
             pValues += spread(bits, pValues, biasNib, nibbles);
             if (count == 64)
-                MergeBlock<T>(nibbles, shift, pBlock);
+                MergeBlock(nibbles, shift, pBlock);
             else
-                MergeNibbles<T>(nibbles, count, shift, pBlock);
+                MergeNibbles(nibbles, count, shift, pBlock);
             continue;
         }
         for (; bits != 0; bits &= bits - 1) {
-            uint8_t* pCell = pBlock + unsigned(__builtin_ctzll(bits)) * sizeof(T);
-            StoreLE<T>(pCell, T((LoadLE<T>(pCell) & keep) | T(T(*pValues++) << shift)));
+            uint8_t& byte = pBlock[__builtin_ctzll(bits)];
+            byte = uint8_t((byte & keep) | *pValues++ << shift);
         }
     }
 }
@@ -132,8 +108,13 @@ size_t COptimalBiasDulo::Inflate(const uint8_t* pCmpData, size_t segLength, uint
     if (!mask.Decode(pCmpData + fields.mapOffset, pCmpData + segLength, elems * PLANES))
         return 0;
 
-    // Plane by plane: the plane's non-match nibbles from the stream, then put into their cells.
-    FillCells<TCell>(pDecmpData, elems, bias);
+    // Each byte of the cells is built in a row of its own, both its planes merged there a byte at
+    // a time, and the cells are put together from the rows at the end: one store per cell, not a
+    // read-modify-write of every cell for every plane. Byte cells are their own row.
+    uint8_t rowStore[sizeof(TCell) == 1 ? 1 : MAX_SEGMENT_DATA];
+    uint8_t* const pRows = sizeof(TCell) == 1 ? pDecmpData : rowStore;
+    for (unsigned b = 0; b < sizeof(T); ++b)
+        FillRow(pRows + b * elems, elems, uint8_t(bias >> (8 * b)));
     // The stream may run on past nonMatchLength into the map, as encoders that dropped a segment's
     // last pending nibble wrote it and as the reference decoder reads it; never past the segment.
     CNonMatchReader nonMatches(pCmpData + fields.dataOffset, segLength - fields.dataOffset,
@@ -151,8 +132,10 @@ size_t COptimalBiasDulo::Inflate(const uint8_t* pCmpData, size_t segLength, uint
             return 0;
         // The spread reads 16 bytes ahead; they are defined, though never used.
         std::memset(values + count, 0, 16);
-        PutPlane<TCell>(mask, firstSlot, elems, shift, biasNib, values, pDecmpData, spread);
+        PutPlane(mask, firstSlot, elems, shift % 8, biasNib, values, pRows + shift / 8 * elems, spread);
     }
+    if constexpr (sizeof(TCell) > 1)
+        InterleaveRows<T, TCell>(pRows, elems, elems, pDecmpData);
 
     if (fields.hdr.subadd) {
         // The sum wraps in T, also in wider cells.
