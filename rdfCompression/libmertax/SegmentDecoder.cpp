@@ -27,52 +27,55 @@ void FillRow(uint8_t* pRow, size_t count, uint8_t value)
     std::memset(pRow + i, value, count - i);
 }
 
-// Below this many non-matches in a block of 64 slots, putting them one by one beats spreading
-// the whole block.
-constexpr size_t SPARSE_BLOCK = 8;
+// Below this many non-matches among a plane's 64 slots, putting them one by one beats spreading
+// the block.
+constexpr size_t SPARSE_PLANE = 8;
 
-// Sets the nibble at `shift` (0 or 4) of `count` bytes to the bytes of pNibbles.
-void MergeNibbles(const uint8_t* pNibbles, size_t count, unsigned shift, uint8_t* pBytes)
+// Writes one row of bytes from its two nibble planes (high half first; their slots from
+// firstSlot and firstSlot + elems), taking the non-matches' nibbles from pHigh and pLow; a match
+// leaves the bias byte's nibble. In each block of 64 bytes a dense plane is spread into a row of
+// nibbles, and the two rows (a row of the bias nibble for a sparse plane) are joined into the
+// block; a sparse plane's non-matches are put into it one by one.
+void PutRow(const CNonMatchMask& mask, size_t firstSlot, size_t elems, uint8_t biasByte, const uint8_t* pHigh,
+            const uint8_t* pLow, uint8_t* pRow, SlotSpreadFn spread)
 {
-    const uint8_t keep = uint8_t(~(0xF << shift));
-    for (size_t i = 0; i < count; ++i)
-        pBytes[i] = uint8_t((pBytes[i] & keep) | pNibbles[i] << shift);
-}
-
-// The same for a whole block of 64 bytes, eight to a word: a nibble shifted by at most 4 stays in
-// its byte.
-void MergeBlock(const uint8_t* pNibbles, unsigned shift, uint8_t* pBytes)
-{
-    const uint64_t keep = ~(0x0F0F0F0F0F0F0F0Full << shift);
-    for (unsigned i = 0; i < 64; i += 8)
-        StoreLE<uint64_t>(pBytes + i, (LoadLE<uint64_t>(pBytes + i) & keep) | (LoadLE<uint64_t>(pNibbles + i) << shift));
-}
-
-// Sets the nibble at `shift` (0 or 4) of every non-match byte of one plane's row to the next value
-// from pValues; the row already holds the bias, which is what a match leaves. Dense blocks of 64
-// slots are spread into a row of nibbles and merged whole; sparse ones are put byte by byte.
-void PutPlane(const CNonMatchMask& mask, size_t firstSlot, size_t elems, unsigned shift, uint8_t biasNib,
-              const uint8_t* pValues, uint8_t* pRow, SlotSpreadFn spread)
-{
-    const uint8_t keep = uint8_t(~(0xF << shift));
-    uint8_t nibbles[64];
+    uint8_t high[64], low[64];
+    uint8_t highFill[64], lowFill[64];
+    std::memset(highFill, biasByte >> 4, 64);
+    std::memset(lowFill, biasByte & 0xF, 64);
     for (size_t elem = 0; elem < elems; elem += 64) {
-        uint64_t bits = mask.BitsAt(firstSlot + elem);
         const size_t count = std::min<size_t>(64, elems - elem);
-        if (count < 64)
-            bits &= LowBits(unsigned(count));
-        uint8_t* pBlock = pRow + elem;
-        if (BitCount(bits) > SPARSE_BLOCK) {
-            pValues += spread(bits, pValues, biasNib, nibbles);
-            if (count == 64)
-                MergeBlock(nibbles, shift, pBlock);
-            else
-                MergeNibbles(nibbles, count, shift, pBlock);
-            continue;
+        const uint64_t valid = count < 64 ? LowBits(unsigned(count)) : ~uint64_t(0);
+        uint64_t highBits = mask.BitsAt(firstSlot + elem) & valid;
+        uint64_t lowBits = mask.BitsAt(firstSlot + elems + elem) & valid;
+        const uint8_t* pHighNibbles = highFill;
+        if (BitCount(highBits) > SPARSE_PLANE) {
+            pHigh += spread(highBits, pHigh, biasByte >> 4, high);
+            pHighNibbles = high;
+            highBits = 0;
         }
-        for (; bits != 0; bits &= bits - 1) {
-            uint8_t& byte = pBlock[__builtin_ctzll(bits)];
-            byte = uint8_t((byte & keep) | *pValues++ << shift);
+        const uint8_t* pLowNibbles = lowFill;
+        if (BitCount(lowBits) > SPARSE_PLANE) {
+            pLow += spread(lowBits, pLow, biasByte & 0xF, low);
+            pLowNibbles = low;
+            lowBits = 0;
+        }
+        uint8_t* pBlock = pRow + elem;
+        if (count == 64) {
+            // Eight bytes to a word: a nibble shifted by 4 stays in its byte.
+            for (unsigned i = 0; i < 64; i += 8)
+                StoreLE<uint64_t>(pBlock + i, LoadLE<uint64_t>(pHighNibbles + i) << 4 | LoadLE<uint64_t>(pLowNibbles + i));
+        } else {
+            for (size_t i = 0; i < count; ++i)
+                pBlock[i] = uint8_t(pHighNibbles[i] << 4 | pLowNibbles[i]);
+        }
+        for (; highBits != 0; highBits &= highBits - 1) {
+            uint8_t& byte = pBlock[__builtin_ctzll(highBits)];
+            byte = uint8_t((byte & 0x0F) | *pHigh++ << 4);
+        }
+        for (; lowBits != 0; lowBits &= lowBits - 1) {
+            uint8_t& byte = pBlock[__builtin_ctzll(lowBits)];
+            byte = uint8_t((byte & 0xF0) | *pLow++);
         }
     }
 }
@@ -108,31 +111,35 @@ size_t COptimalBiasDulo::Inflate(const uint8_t* pCmpData, size_t segLength, uint
     if (!mask.Decode(pCmpData + fields.mapOffset, pCmpData + segLength, elems * PLANES))
         return 0;
 
-    // Each byte of the cells is built in a row of its own, both its planes merged there a byte at
-    // a time, and the cells are put together from the rows at the end: one store per cell, not a
-    // read-modify-write of every cell for every plane. Byte cells are their own row.
+    // Each byte of the cells is built in a row of its own from its two planes, and the cells are
+    // put together from the rows at the end: one store per cell, not a read-modify-write of every
+    // cell for every plane. Byte cells are their own row.
     uint8_t rowStore[sizeof(TCell) == 1 ? 1 : MAX_SEGMENT_DATA];
     uint8_t* const pRows = sizeof(TCell) == 1 ? pDecmpData : rowStore;
-    for (unsigned b = 0; b < sizeof(T); ++b)
-        FillRow(pRows + b * elems, elems, uint8_t(bias >> (8 * b)));
     // The stream may run on past nonMatchLength into the map, as encoders that dropped a segment's
     // last pending nibble wrote it and as the reference decoder reads it; never past the segment.
     CNonMatchReader nonMatches(pCmpData + fields.dataOffset, segLength - fields.dataOffset,
                                uint8_t(bias >> (8 * sizeof(T) - 4)));
-    uint8_t values[MAX_SEGMENT_DATA + CNonMatchReader::OUTPUT_SLACK];
+    // The non-match nibbles of a byte's high and low plane, taken from the stream in that order.
+    uint8_t values[2][MAX_SEGMENT_DATA + CNonMatchReader::OUTPUT_SLACK];
     const SlotSpreadFn spread = ActiveKernels().spread;
-    for (unsigned plane = 0; plane < PLANES; ++plane) {
-        const unsigned shift = 4 * (PLANES - 1 - plane);
-        const size_t firstSlot = plane * elems;
-        const size_t count = mask.Count(firstSlot, elems);
-        if (count == 0)
+    for (unsigned byte = sizeof(T); byte-- > 0;) {
+        const uint8_t biasByte = uint8_t(bias >> (8 * byte));
+        const size_t firstSlot = 2 * (sizeof(T) - 1 - byte) * elems;
+        uint8_t* const pRow = pRows + byte * elems;
+        const size_t counts[2] = {mask.Count(firstSlot, elems), mask.Count(firstSlot + elems, elems)};
+        if (counts[0] + counts[1] == 0) {
+            FillRow(pRow, elems, biasByte);
             continue;
-        const uint8_t biasNib = uint8_t(bias >> shift) & 0xF;
-        if (!nonMatches.Take(count, biasNib, values))
-            return 0;
-        // The spread reads 16 bytes ahead; they are defined, though never used.
-        std::memset(values + count, 0, 16);
-        PutPlane(mask, firstSlot, elems, shift % 8, biasNib, values, pRows + shift / 8 * elems, spread);
+        }
+        for (unsigned half = 0; half < 2; ++half) {
+            const uint8_t biasNib = half == 0 ? biasByte >> 4 : biasByte & 0xF;
+            if (!nonMatches.Take(counts[half], biasNib, values[half]))
+                return 0;
+            // The spread reads 16 bytes ahead; they are defined, though never used.
+            std::memset(values[half] + counts[half], 0, 16);
+        }
+        PutRow(mask, firstSlot, elems, biasByte, values[0], values[1], pRow, spread);
     }
     if constexpr (sizeof(TCell) > 1)
         InterleaveRows<T, TCell>(pRows, elems, elems, pDecmpData);
