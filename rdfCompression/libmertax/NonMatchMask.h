@@ -122,6 +122,21 @@ public:
         return nonMatches;
     }
 
+    // The non-matches in each block of 64 of the `count` slots from `pos` on (the last block may be
+    // shorter) into pCounts, and their sum.
+    size_t CountBlocks(size_t pos, size_t count, uint8_t* pCounts) const
+    {
+        if (pos % 64 == 0 && count % 64 == 0)
+            return BitCounts(m_words + pos / 64, count / 64, pCounts);
+        size_t nonMatches = 0;
+        for (size_t block = 0; block * 64 < count; ++block) {
+            const size_t slots = std::min<size_t>(64, count - block * 64);
+            pCounts[block] = uint8_t(BitCount(BitsAt(pos + block * 64) & LowBits(unsigned(slots))));
+            nonMatches += pCounts[block];
+        }
+        return nonMatches;
+    }
+
 private:
     // Groups, non-match runs and short skips are at most 64 slots: one table pattern at pos,
     // spilling into the next word. Without a branch: the crossing comes every few entries at no

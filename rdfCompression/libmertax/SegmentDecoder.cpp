@@ -37,25 +37,25 @@ constexpr size_t SPARSE_PLANE = 8;
 // nibbles, and the two rows (a row of the bias nibble for a sparse plane) are joined into the
 // block; a sparse plane's non-matches are put into it one by one.
 void PutRow(const CNonMatchMask& mask, size_t firstSlot, size_t elems, uint8_t biasByte, const uint8_t* pHigh,
-            const uint8_t* pLow, uint8_t* pRow, SlotSpreadFn spread)
+            const uint8_t* pLow, const uint8_t* const pBlockCounts[2], uint8_t* pRow, SlotSpreadFn spread)
 {
     uint8_t high[64], low[64];
     uint8_t highFill[64], lowFill[64];
     std::memset(highFill, biasByte >> 4, 64);
     std::memset(lowFill, biasByte & 0xF, 64);
-    for (size_t elem = 0; elem < elems; elem += 64) {
+    for (size_t elem = 0, block = 0; elem < elems; elem += 64, ++block) {
         const size_t count = std::min<size_t>(64, elems - elem);
         const uint64_t valid = count < 64 ? LowBits(unsigned(count)) : ~uint64_t(0);
         uint64_t highBits = mask.BitsAt(firstSlot + elem) & valid;
         uint64_t lowBits = mask.BitsAt(firstSlot + elems + elem) & valid;
         const uint8_t* pHighNibbles = highFill;
-        if (BitCount(highBits) > SPARSE_PLANE) {
+        if (pBlockCounts[0][block] > SPARSE_PLANE) {
             pHigh += spread(highBits, pHigh, biasByte >> 4, high);
             pHighNibbles = high;
             highBits = 0;
         }
         const uint8_t* pLowNibbles = lowFill;
-        if (BitCount(lowBits) > SPARSE_PLANE) {
+        if (pBlockCounts[1][block] > SPARSE_PLANE) {
             pLow += spread(lowBits, pLow, biasByte & 0xF, low);
             pLowNibbles = low;
             lowBits = 0;
@@ -120,14 +120,18 @@ size_t COptimalBiasDulo::Inflate(const uint8_t* pCmpData, size_t segLength, uint
     // last pending nibble wrote it and as the reference decoder reads it; never past the segment.
     CNonMatchReader nonMatches(pCmpData + fields.dataOffset, segLength - fields.dataOffset,
                                uint8_t(bias >> (8 * sizeof(T) - 4)));
-    // The non-match nibbles of a byte's high and low plane, taken from the stream in that order.
+    // The non-match nibbles of a byte's high and low plane, taken from the stream in that order,
+    // and the non-matches in each of their blocks of 64 slots.
     uint8_t values[2][MAX_SEGMENT_DATA + CNonMatchReader::OUTPUT_SLACK];
+    uint8_t blockCounts[2][MAX_SEGMENT_DATA / 64 + 1];
+    const uint8_t* const pBlockCounts[2] = {blockCounts[0], blockCounts[1]};
     const SlotSpreadFn spread = ActiveKernels().spread;
     for (unsigned byte = sizeof(T); byte-- > 0;) {
         const uint8_t biasByte = uint8_t(bias >> (8 * byte));
         const size_t firstSlot = 2 * (sizeof(T) - 1 - byte) * elems;
         uint8_t* const pRow = pRows + byte * elems;
-        const size_t counts[2] = {mask.Count(firstSlot, elems), mask.Count(firstSlot + elems, elems)};
+        const size_t counts[2] = {mask.CountBlocks(firstSlot, elems, blockCounts[0]),
+                                  mask.CountBlocks(firstSlot + elems, elems, blockCounts[1])};
         if (counts[0] + counts[1] == 0) {
             FillRow(pRow, elems, biasByte);
             continue;
@@ -139,7 +143,7 @@ size_t COptimalBiasDulo::Inflate(const uint8_t* pCmpData, size_t segLength, uint
             // The spread reads 16 bytes ahead; they are defined, though never used.
             std::memset(values[half] + counts[half], 0, 16);
         }
-        PutRow(mask, firstSlot, elems, biasByte, values[0], values[1], pRow, spread);
+        PutRow(mask, firstSlot, elems, biasByte, values[0], values[1], pBlockCounts, pRow, spread);
     }
     if constexpr (sizeof(TCell) > 1)
         InterleaveRows<T, TCell>(pRows, elems, elems, pDecmpData);
