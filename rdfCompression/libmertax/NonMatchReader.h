@@ -145,13 +145,16 @@ public:
     uint8_t& RepeatsOwed() { return m_nonMatchCnt; }
 
 private:
-    // Up to `room` of the `owed` repeats of `nibble` (owed drops by as many), eight at a time into
-    // the room past the plane's count: most runs are short. Returns how many.
+    // Up to `room` of the `owed` repeats of `nibble` (owed drops by as many), into the room past
+    // the plane's count. Returns how many. Most runs are short: the first 32 go out whatever the
+    // count, so that only longer runs take the loop, whose exit would be mispredicted.
     static size_t PutRepeats(uint8_t nibble, unsigned& owed, size_t room, uint8_t* pOut)
     {
         const size_t repeats = owed < room ? owed : room;
         const uint64_t repeated = 0x0101010101010101ull * nibble;
-        for (size_t i = 0; i < repeats; i += 8)
+        for (unsigned i = 0; i < 32; i += 8)
+            StoreLE<uint64_t>(pOut + i, repeated);
+        for (size_t i = 32; i < repeats; i += 8)
             StoreLE<uint64_t>(pOut + i, repeated);
         owed -= unsigned(repeats);
         return repeats;
