@@ -32,16 +32,37 @@ public:
     // data holds elems little-endian elements, every one of which is counted.
     T FindDuloBias(const uint8_t* data, size_t elems) const
     {
-        constexpr unsigned NIBBLES = 2 * sizeof(T);
-        std::array<HISTO, NIBBLES> histo{}; // histo[0]: the least significant nibble
-        for (size_t w = 0; w < elems; ++w) {
-            const T temp = LoadLE<T>(data + w * sizeof(T));
-            for (unsigned nib = 0; nib < NIBBLES; ++nib)
-                ++histo[nib][(temp >> (4 * nib)) & 0xF];
+        // Each byte of an element is counted once, among the 256 values of its position; the
+        // histograms of its two nibbles follow from those counts at the end. Half the increments
+        // of counting every nibble, for the same histograms. Even and odd elements are counted
+        // apart, so that a value repeated from one element to the next does not make every
+        // increment wait for the one before.
+        std::array<std::array<uint32_t, 256>, sizeof(T)> byteCounts{};
+        std::array<std::array<uint32_t, 256>, sizeof(T)> oddCounts{};
+        size_t w = 0;
+        for (; w + 2 <= elems; w += 2) {
+            for (unsigned b = 0; b < sizeof(T); ++b) {
+                ++byteCounts[b][data[w * sizeof(T) + b]];
+                ++oddCounts[b][data[(w + 1) * sizeof(T) + b]];
+            }
         }
+        for (; w < elems; ++w)
+            for (unsigned b = 0; b < sizeof(T); ++b)
+                ++byteCounts[b][data[w * sizeof(T) + b]];
+        for (unsigned b = 0; b < sizeof(T); ++b)
+            for (unsigned v = 0; v < 256; ++v)
+                byteCounts[b][v] += oddCounts[b][v];
         uint64_t result = 0;
-        for (unsigned nib = NIBBLES; nib-- > 0;)
-            result = result << 4 | GetMax(histo[nib]);
+        for (unsigned b = sizeof(T); b-- > 0;) {
+            HISTO high{}, low{};
+            for (unsigned h = 0; h < 16; ++h) {
+                for (unsigned l = 0; l < 16; ++l) {
+                    high[h] += byteCounts[b][16 * h + l];
+                    low[l] += byteCounts[b][16 * h + l];
+                }
+            }
+            result = result << 8 | unsigned(GetMax(high)) << 4 | GetMax(low);
+        }
         return T(result);
     }
 };
