@@ -157,6 +157,27 @@ TEST(CompressionLevels, SegmentMinimumAtLevelNine)
     }
 }
 
+TEST(CompressionLevels, MinimumScanStopsAtTheFirstZero)
+{
+    // 300 cells of 50 with a zero at `zero`: the scan's report names the cells it looked at.
+    const std::pair<size_t, std::string> cases[] = {{3, "0x0 e: 4"},
+                                                    {64, "0x0 e: 65"},
+                                                    {200, "0x0 e: 201"},
+                                                    {299, "0x0 e: 300"},
+                                                    {300, "0x32 e: 300"}};
+    for (const auto& [zero, report] : cases) {
+        std::vector<uint16_t> cells(300, 50);
+        if (zero < cells.size())
+            cells[zero] = 0;
+        COptimalBiasDulo codec;
+        codec.SetCompressLevel(9);
+        codec.SetDebugLevel(1);
+        CCapturedStream captured(std::cout);
+        Compress(codec, cells);
+        EXPECT_EQ(captured.Text().rfind("GetTrueMin: cur min: " + report + "\n", 0), 0u) << zero;
+    }
+}
+
 TEST(CompressionLevels, HintFromEveryFourthSegmentAtLevelFourCarriesAcrossCalls)
 {
     std::vector<uint16_t> cells(6 * 2048);

@@ -41,6 +41,7 @@ public:
         std::array<std::array<uint32_t, 256>, sizeof(T)> oddCounts{};
         size_t w = 0;
         for (; w + 2 <= elems; w += 2) {
+#pragma GCC unroll 8
             for (unsigned b = 0; b < sizeof(T); ++b) {
                 ++byteCounts[b][data[w * sizeof(T) + b]];
                 ++oddCounts[b][data[(w + 1) * sizeof(T) + b]];
