@@ -34,8 +34,10 @@ __attribute__((noinline)) void ExtractBytes(const uint8_t* __restrict pCells, ui
         // saturate, which values below 256 never reach).
         const auto lowByte = [](const uint8_t* p) {
             const __m128i v = _mm_loadu_si128(reinterpret_cast<const __m128i*>(p));
-            if constexpr (sizeof(T) == 2)
-                return _mm_srli_epi16(_mm_slli_epi16(v, 8 - 8 * BYTE), 8);
+            if constexpr (BYTE == 0)
+                return _mm_and_si128(v, _mm_set1_epi32(sizeof(T) == 2 ? 0x00FF00FF : 0xFF));
+            else if constexpr (BYTE == sizeof(T) - 1)
+                return sizeof(T) == 2 ? _mm_srli_epi16(v, 8) : _mm_srli_epi32(v, 24);
             else
                 return _mm_srli_epi32(_mm_slli_epi32(v, 24 - 8 * BYTE), 24);
         };
