@@ -48,31 +48,36 @@ public:
         uint8_t last = m_nmNib;
         unsigned owed = m_nonMatchCnt;
         const uint8_t* pNibbles = m_aNibbles;
-        // A window of up to 64 nibbles from `base`, with a bit for each escape in it: the next
+        // A window of up to 128 nibbles from `base`, with a bit for each escape in it: the next
         // escape is a bit scan away, not a load and a compare. `base` starts out of reach
         // (pos - base wraps to a large value), so that the first step fills the window.
-        size_t base = pos + 64;
+        size_t base = pos + 128;
         size_t windowEnd = 0;
-        uint64_t escapes = 0;
+        unsigned __int128 escapes = 0;
         size_t done = 0;
         while (done < count) {
             if (owed != 0) {
                 done += PutRepeats(last, owed, count - done, pOut + done);
                 continue;
             }
-            if (pos - base > 60) {
+            if (pos - base > 124) {
                 base = pos;
-                windowEnd = std::min(pos + 64, m_nibbleEnd);
-                escapes = MatchMask64(pNibbles + pos, biasNib) & LowBits(unsigned(windowEnd - pos));
+                windowEnd = std::min(pos + 128, m_nibbleEnd);
+                escapes = MatchMask64(pNibbles + pos, biasNib) |
+                          static_cast<unsigned __int128>(MatchMask64(pNibbles + pos + 64, biasNib)) << 64;
+                if (windowEnd - pos < 128)
+                    escapes &= (static_cast<unsigned __int128>(1) << (windowEnd - pos)) - 1;
             }
             // The literals up to the next escape (or the window's end) go out together.
-            const uint64_t ahead = escapes >> (pos - base);
-            const size_t escapeAt = ahead != 0 ? unsigned(__builtin_ctzll(ahead)) : windowEnd - pos;
+            const unsigned __int128 ahead = escapes >> (pos - base);
+            const size_t escapeAt = ahead != 0 ? LowestBit(ahead) : windowEnd - pos;
             const size_t literals = std::min(escapeAt, count - done);
             if (literals != 0) {
-                // The whole window, whatever the count: a copy loop's exit would be mispredicted
-                // at every escape.
+                // 64 or 128 bytes, whatever the count: a copy loop's exit would be mispredicted at
+                // every escape.
                 std::memcpy(pOut + done, pNibbles + pos, 64);
+                if (literals > 64)
+                    std::memcpy(pOut + done + 64, pNibbles + pos + 64, 64);
                 last = pNibbles[pos + literals - 1];
                 pos += literals;
                 done += literals;
@@ -145,6 +150,13 @@ public:
     uint8_t& RepeatsOwed() { return m_nonMatchCnt; }
 
 private:
+    // The position of the lowest set bit of a mask that is not 0.
+    static unsigned LowestBit(unsigned __int128 bits)
+    {
+        const uint64_t low = uint64_t(bits);
+        return low != 0 ? unsigned(__builtin_ctzll(low)) : 64 + unsigned(__builtin_ctzll(uint64_t(bits >> 64)));
+    }
+
     // Up to `room` of the `owed` repeats of `nibble` (owed drops by as many), into the room past
     // the plane's count. Returns how many. Most runs are short: the first 32 go out whatever the
     // count, so that only longer runs take the loop, whose exit would be mispredicted.
@@ -213,5 +225,5 @@ private:
     size_t m_nibblePos;
     uint8_t m_nmNib;
     uint8_t m_nonMatchCnt;
-    uint8_t m_aNibbles[2 * MAX_STREAM_BYTES + 64]; // a window is read whole, also at the end
+    uint8_t m_aNibbles[2 * MAX_STREAM_BYTES + 128]; // a window is read whole, also at the end
 };
