@@ -144,12 +144,14 @@ private:
     static void PutPattern(const SMapPattern& pattern, size_t& pos, uint64_t*& pWord, uint64_t& bits)
     {
         const unsigned shift = pos & 63;
-        const unsigned __int128 placed = static_cast<unsigned __int128>(pattern.bits) << shift;
-        bits |= uint64_t(placed);
+        const uint64_t low = pattern.bits << shift;
+        // The pattern's top `shift` bits spill into the next word (none at a shift of 0).
+        const uint64_t spill = shift == 0 ? 0 : pattern.bits >> (64 - shift);
+        bits |= low;
         *pWord = bits;
         const bool crossed = shift + pattern.length >= 64;
         pWord += crossed;
-        bits = crossed ? uint64_t(placed >> 64) : bits;
+        bits = crossed ? spill : bits;
         pos += pattern.length;
     }
 
