@@ -64,7 +64,8 @@ void PutRow(const CNonMatchMask& mask, size_t firstSlot, size_t elems, uint8_t b
         if (count == 64) {
             // Eight bytes to a word: a nibble shifted by 4 stays in its byte.
             for (unsigned i = 0; i < 64; i += 8)
-                StoreLE<uint64_t>(pBlock + i, LoadLE<uint64_t>(pHighNibbles + i) << 4 | LoadLE<uint64_t>(pLowNibbles + i));
+                StoreLE<uint64_t>(pBlock + i,
+                                  LoadLE<uint64_t>(pHighNibbles + i) << 4 | LoadLE<uint64_t>(pLowNibbles + i));
         } else {
             for (size_t i = 0; i < count; ++i)
                 pBlock[i] = uint8_t(pHighNibbles[i] << 4 | pLowNibbles[i]);
