@@ -175,6 +175,21 @@ TEST(SegmentDecode, WideCellTypes)
               std::vector<uint32_t>(8, 0x0EADBEEF)); // the addition wraps in 32 bits
 }
 
+TEST(SegmentDecode, SegminWrapsInTheSegmentsOwnWidthAlsoWhenWidened)
+{
+    // 100 bytes, all the bias 0x20, plus segmin 0xF0: 0x10 after the wrap, also as 16-bit cells.
+    SegmentFields f;
+    f.segSize = 100;
+    f.hasSegmin = true;
+    f.segmin = 0xF0;
+    f.hasBias = true;
+    f.bias = 0x20;
+    f.map = {0xE0, 0x68}; // 96 + 104 matches: the 200 slots
+    const std::vector<uint8_t> segment = BuildCompressedSegment(f);
+    EXPECT_EQ(Expand(segment, 100), std::vector<uint8_t>(100, 0x10));
+    EXPECT_EQ(ToCells<uint16_t>(Expand(segment, 200, 2)), std::vector<uint16_t>(100, 0x0010));
+}
+
 TEST(SegmentDecode, StoredSegmentsIgnoreTheCompressionFields)
 {
     std::vector<uint8_t> raw(4096);

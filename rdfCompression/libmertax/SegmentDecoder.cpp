@@ -27,6 +27,23 @@ void FillRow(uint8_t* pRow, size_t count, uint8_t value)
     std::memset(pRow + i, value, count - i);
 }
 
+// Adds `value` to `count` cells, the sum wrapping in T also in wider cells: blocks of 64 with a
+// fixed count, which the compiler vectorizes, then the rest.
+template <typename T, typename TCell>
+void AddToEach(uint8_t* pCells, size_t count, T value)
+{
+    const auto add = [pCells, value](size_t i) {
+        uint8_t* pCell = pCells + i * sizeof(TCell);
+        StoreLE<TCell>(pCell, T(LoadLE<TCell>(pCell) + value));
+    };
+    size_t i = 0;
+    for (; count - i >= 64; i += 64)
+        for (size_t k = 0; k < 64; ++k)
+            add(i + k);
+    for (; i < count; ++i)
+        add(i);
+}
+
 // Below this many non-matches among a plane's 64 slots, putting them one by one beats spreading
 // the block.
 constexpr size_t SPARSE_PLANE = 8;
@@ -149,13 +166,8 @@ size_t COptimalBiasDulo::Inflate(const uint8_t* pCmpData, size_t segLength, uint
     if constexpr (sizeof(TCell) > 1)
         InterleaveRows<T, TCell>(pRows, elems, elems, pDecmpData);
 
-    if (fields.hdr.subadd) {
-        // The sum wraps in T, also in wider cells.
-        for (size_t i = 0; i < elems; ++i) {
-            uint8_t* pCell = pDecmpData + i * sizeof(TCell);
-            StoreLE<TCell>(pCell, T(LoadLE<TCell>(pCell) + segmin));
-        }
-    }
+    if (fields.hdr.subadd)
+        AddToEach<T, TCell>(pDecmpData, elems, segmin);
     if (m_debugCompression > 10) {
         // The dump shows the segment's values as bytes of T, before any widening, at the output.
         if (sizeof(TCell) == sizeof(T)) {
