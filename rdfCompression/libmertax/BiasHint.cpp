@@ -2,6 +2,7 @@
 // replaying its map and non-match stream plane by plane without expanding it.
 #include "OptimalBiasDulo.h"
 
+#include "BitOps.h"
 #include "ByteAccess.h"
 #include "FindDuloBias.h"
 #include "MapEntry.h"
@@ -174,6 +175,14 @@ bool COptimalBiasDulo::GetBiasHint(const uint8_t* pCmpData, size_t segLength, T*
         } else if (entry & 0x40) {
             if ((entry & 0x3F) != 0 && !ReplayFromRunEntry(replay, stream))
                 return false;
+        } else if (replay.RemRowElems() > 6) {
+            // No plane ends inside the group: its matches are booked together, its non-matches
+            // read in order.
+            const size_t matches = BitCount(entry);
+            replay.Matches(matches);
+            for (size_t nonMatches = 6 - matches; nonMatches != 0; --nonMatches)
+                if (!nonMatch())
+                    return false;
         } else {
             for (unsigned bit = 0x20; bit != 0 && !replay.Done(); bit >>= 1) {
                 if (entry & bit)
