@@ -1,6 +1,6 @@
 #include "ThreadedChunkIO.h"
 
-#include "ExpansionFailure.h"
+#include "CheckedExpansion.h"
 #include "mertax.h"
 
 #include <algorithm>
@@ -143,7 +143,11 @@ CThreadedChunkIO::CThreadedChunkIO(hid_t dataset, unsigned threads)
             m_grid.push_back((m_dims[d] + m_chunk[d] - 1) / m_chunk[d]);
             m_chunkCount *= m_grid.back();
         }
-        if (mertax_compress_bound(m_cellBytes, m_chunkBytes) == 0 || m_chunkBytes % m_cellBytes != 0)
+        // What HDF5 reads where nothing was written and pads edge chunks with.
+        m_fill.assign(m_typeBytes, 0);
+        if (m_typeBytes != 0 && H5Pget_fill_value(dcpl, type, m_fill.data()) < 0)
+            m_fill.assign(m_typeBytes, 0);
+        if (!IsCellSize(m_cellBytes) || m_chunkBytes % m_cellBytes != 0)
             m_error = "the dataset's filter parameters have cellBytes " + std::to_string(m_cellBytes) +
                       ", which the codec cannot use for chunks of " + std::to_string(m_chunkBytes) + " bytes";
     }
@@ -209,9 +213,15 @@ const uint8_t* CThreadedChunkIO::ContiguousChunk(const uint8_t* pArray, const st
     return pArray + offset;
 }
 
+void CThreadedChunkIO::FillChunk(uint8_t* pChunk) const
+{
+    for (size_t i = 0; i < m_chunkBytes; i += m_typeBytes)
+        std::memcpy(pChunk + i, m_fill.data(), m_typeBytes);
+}
+
 void CThreadedChunkIO::Gather(const uint8_t* pArray, const std::vector<hsize_t>& origin, uint8_t* pChunk) const
 {
-    std::memset(pChunk, 0, m_chunkBytes); // HDF5 pads edge chunks with zeros too
+    FillChunk(pChunk); // HDF5 pads edge chunks with the fill value too
     ForEachRow(origin, [&](size_t a, size_t c, size_t n) { std::memcpy(pChunk + c, pArray + a, n); });
 }
 
@@ -224,6 +234,17 @@ bool CThreadedChunkIO::Write(const void* cells)
 {
     if (!Valid())
         return false;
+    // A direct chunk write into a file opened read-only fails, and HDF5 1.10 then crashes when
+    // the file is closed: it must not be tried.
+    unsigned intent = 0;
+    const hid_t file = H5Iget_file_id(m_dataset);
+    const bool writable = file >= 0 && H5Fget_intent(file, &intent) >= 0 && (intent & H5F_ACC_RDWR) != 0;
+    if (file >= 0)
+        H5Fclose(file);
+    if (!writable) {
+        m_error = "the dataset's file is not open for writing";
+        return false;
+    }
     const uint8_t* pArray = static_cast<const uint8_t*>(cells);
     CChunkPipeline pipeline(m_chunkCount, m_threads);
     const size_t bound = mertax_compress_bound(m_cellBytes, m_chunkBytes);
@@ -282,7 +303,6 @@ bool CThreadedChunkIO::Read(void* cells)
         std::vector<uint8_t> chunk(m_chunkBytes);
         std::vector<hsize_t> origin;
         size_t index;
-        CQuietExpansion quiet;
         while (pipeline.Take(index, true)) {
             SSlot& slot = pipeline.Slot(index);
             ChunkOrigin(index, origin);
@@ -290,19 +310,16 @@ bool CThreadedChunkIO::Read(void* cells)
             uint8_t* const pDirect = const_cast<uint8_t*>(ContiguousChunk(pArray, origin));
             uint8_t* const pCells = pDirect != nullptr ? pDirect : chunk.data();
             if (slot.size == 0) {
-                std::memset(pCells, 0, m_chunkBytes); // never written: the fill value
+                FillChunk(pCells); // never written: the fill value, as HDF5 reads it
             } else if (slot.unfiltered) {
                 if (slot.size == m_chunkBytes)
                     std::memcpy(pCells, slot.bytes.data(), m_chunkBytes);
                 else
                     slot.error = "chunk " + std::to_string(index) + " is stored unfiltered with the wrong size";
             } else {
-                const size_t produced =
-                    mertax_decompress(slot.bytes.data(), slot.size, m_cellBytes, pCells, m_chunkBytes);
-                if (produced != m_chunkBytes)
-                    slot.error = "chunk " + std::to_string(index) + ": " +
-                                 DescribeExpansionShortfall(slot.bytes.data(), slot.size, m_cellBytes, produced,
-                                                            m_chunkBytes);
+                std::string error;
+                if (!ExpandStream(slot.bytes.data(), slot.size, m_cellBytes, pCells, m_chunkBytes, error))
+                    slot.error = "chunk " + std::to_string(index) + ": " + error;
             }
             if (slot.error.empty() && pDirect == nullptr)
                 Scatter(chunk.data(), origin, pArray);

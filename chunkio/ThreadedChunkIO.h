@@ -38,7 +38,10 @@ private:
     void ChunkOrigin(size_t index, std::vector<hsize_t>& origin) const;
     // Where the chunk at `origin` lies in the array when it is one contiguous run of it, else null.
     const uint8_t* ContiguousChunk(const uint8_t* pArray, const std::vector<hsize_t>& origin) const;
-    // Copies between a chunk buffer (full chunk size, padded with zeros at the edges) and the array.
+    // Fills a chunk buffer with the dataset's fill value.
+    void FillChunk(uint8_t* pChunk) const;
+    // Copies between a chunk buffer (full chunk size, padded with the fill value at the edges) and
+    // the array.
     void Gather(const uint8_t* pArray, const std::vector<hsize_t>& origin, uint8_t* pChunk) const;
     void Scatter(const uint8_t* pChunk, const std::vector<hsize_t>& origin, uint8_t* pArray) const;
     template <typename F>
@@ -54,5 +57,6 @@ private:
     size_t m_cellBytes = 0;  // the filter's cellBytes
     int m_level = 4;
     size_t m_chunkBytes = 0;
+    std::vector<uint8_t> m_fill; // one cell of the dataset's fill value
     size_t m_chunkCount = 0;
 };

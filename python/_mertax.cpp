@@ -1,28 +1,23 @@
 // The compiled half of the Python package: the codec's C interface over Python buffers, with the
 // GIL released while the codec runs and failures raised as ValueError with their reason.
-#include "ExpansionFailure.h"
-#include "SegmentFormat.h"
+#include "CheckedExpansion.h"
 #include "OptimalBiasDulo.h"
+#include "Report.h"
+#include "SegmentFormat.h"
 #include "mertax.h"
 
 #include <pybind11/pybind11.h>
 
-#include <sstream>
 #include <string>
 
 namespace py = pybind11;
 
 namespace {
 
-bool IsCellSize(size_t cellBytes)
-{
-    return cellBytes == 1 || cellBytes == 2 || cellBytes == 4 || cellBytes == 8;
-}
-
 void CheckCellSize(size_t cellBytes)
 {
     if (!IsCellSize(cellBytes))
-        throw py::value_error("cell size must be 1, 2, 4 or 8 bytes, not " + std::to_string(cellBytes));
+        throw py::value_error(CellSizeError(cellBytes));
 }
 
 // A C-contiguous view of any buffer, in bytes.
@@ -72,6 +67,7 @@ py::bytes Compress(const py::buffer& data, size_t cellBytes, int level, bool red
         if (reduce || cellBytes != 2) {
             size = mertax_compress(in.Data(), in.Size(), cellBytes, level, &out[0], out.size());
         } else {
+            CQuietCodec quiet;
             COptimalBiasDulo codec;
             codec.SetCompressLevel(size_t(level));
             size = codec.Compress(in.Data(), in.Size(), cellBytes, reinterpret_cast<uint8_t*>(&out[0]), out.size());
@@ -83,22 +79,14 @@ py::bytes Compress(const py::buffer& data, size_t cellBytes, int level, bool red
     return py::bytes(out);
 }
 
-std::string DamagedHeaders(const CStreamWalk& walk)
-{
-    std::ostringstream text;
-    text << "damaged data: segment " << walk.segments << " at byte offset " << walk.badOffset
-         << " has a length that is too short or runs past the data";
-    return text.str();
-}
-
 size_t ExpandedSize(const py::buffer& data, size_t cellBytes)
 {
     CheckCellSize(cellBytes);
     const CBytes in(data);
-    const CStreamWalk walk = WalkStream(static_cast<const uint8_t*>(in.Data()), in.Size());
-    if (!walk.whole)
-        throw py::value_error(DamagedHeaders(walk));
-    return walk.dataBytes + (cellBytes == 2 ? walk.byteSegmentBytes : 0);
+    const CStreamSize size = CheckStream(static_cast<const uint8_t*>(in.Data()), in.Size(), cellBytes);
+    if (!size.ok)
+        throw py::value_error(size.error);
+    return size.bytes;
 }
 
 void DecompressInto(const py::buffer& data, size_t cellBytes, const py::buffer& out)
@@ -106,36 +94,26 @@ void DecompressInto(const py::buffer& data, size_t cellBytes, const py::buffer& 
     CheckCellSize(cellBytes);
     const CBytes in(data);
     const CBytes dst(out, true);
-    if (dst.Size() == 0 && in.Size() == 0)
-        return;
-    const size_t expected = ExpandedSize(data, cellBytes);
-    if (expected != dst.Size())
-        throw py::value_error("the data expands to " + std::to_string(expected) + " bytes, not " +
-                              std::to_string(dst.Size()));
-    size_t produced;
-    std::string reason;
+    bool whole;
+    std::string error;
     {
         py::gil_scoped_release release;
-        produced = mertax_decompress(in.Data(), in.Size(), cellBytes, dst.Data(), dst.Size());
-        // The failure record belongs to this thread; read it before taking the GIL back.
-        if (produced != dst.Size())
-            reason = DescribeExpansionShortfall(static_cast<const uint8_t*>(in.Data()), in.Size(), cellBytes,
-                                                produced, dst.Size());
+        whole = ExpandStream(static_cast<const uint8_t*>(in.Data()), in.Size(), cellBytes, dst.Data(), dst.Size(),
+                             error);
     }
-    if (produced != dst.Size())
-        throw py::value_error(reason);
+    if (!whole)
+        throw py::value_error(error);
 }
 
-// The cell size to expand a stream written without word-size reduction with: 2 when it has 16-bit
-// segments (so that any byte segment is widened), else 1 (byte segments stay bytes; wider ones
-// expand to their own width either way).
+// The cell size that a stream's segments call for: their own width, 2 when 16-bit segments come
+// with byte ones (which then widen).
 size_t StreamCellHint(const py::buffer& data)
 {
     const CBytes in(data);
     const CStreamWalk walk = WalkStream(static_cast<const uint8_t*>(in.Data()), in.Size());
     if (!walk.whole)
-        throw py::value_error(DamagedHeaders(walk));
-    return walk.shortSegments ? 2 : 1;
+        throw py::value_error(walk.Damage());
+    return ModeBits(walk.widestMode) / 8;
 }
 
 } // namespace

@@ -34,7 +34,7 @@ TEST(Compress, WorstCaseSizes)
 {
     COptimalBiasDulo codec;
     const size_t cases[][3] = {{2, 4096, 4104}, {1, 100, 108}, {1, 0, 2}, {8, 0, 16},
-                               {8, 8, 30},      {4, 5000, 4100 + 910 + 8}, {1, 1 << 30, 0x4000000}};
+                               {8, 8, 30},      {4, 5000, 4100 + 910 + 8}, {1, 1 << 30, (1 << 18) * 4100 + 2}};
     for (const auto& c : cases)
         EXPECT_EQ(codec.GetWorstCaseCmpBufSize(c[0], c[1]), c[2]) << c[0] << " " << c[1];
 }

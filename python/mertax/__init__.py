@@ -47,16 +47,16 @@ def compress(array, level=4):
 
 def decompress(data, dtype, shape=None):
     """Expand a compressed stream into a new array of `dtype`; its size comes from the stream, or
-    from `shape`, which must match it. A damaged stream raises ValueError."""
+    from `shape`, which must match it. A damaged stream, or one of cells of another width, raises
+    ValueError."""
     dtype = _cell_dtype(dtype)
-    size = _mertax.expanded_size(data, dtype.itemsize)
-    if size % dtype.itemsize != 0:
-        raise ValueError(f"the data expands to {size} bytes, not a whole number of {dtype} cells")
-    out = _np.empty(size // dtype.itemsize, dtype=dtype)
+    size = _mertax.expanded_size(data, dtype.itemsize)  # from the headers: nothing allocated yet
+    count = size // dtype.itemsize
     if shape is not None:
         shape = (shape,) if _np.isscalar(shape) else tuple(shape)
-        if int(_np.prod(shape, dtype=_np.int64)) != out.size:
-            raise ValueError(f"the data expands to {out.size} cells, not shape {shape}")
+        if int(_np.prod(shape, dtype=_np.int64)) != count:
+            raise ValueError(f"the data expands to {count} cells, not shape {shape}")
+    out = _np.empty(count, dtype=dtype)
     _mertax.decompress_into(data, dtype.itemsize, out.view(_np.uint8))
     return out.reshape(shape) if shape is not None else out
 

@@ -54,18 +54,35 @@ def _in_order(pool, threads, jobs, submit, finish):
         finish(job, future.result())
 
 
+def _as_cells(array, dtype):
+    """`array` as a C-contiguous array of `dtype`, refusing values that the conversion would
+    change (-5 or 1.5 for uint16) rather than wrapping them."""
+    array = np.asarray(array)
+    if array.dtype == dtype or np.can_cast(array.dtype, dtype, "safe"):
+        return np.ascontiguousarray(array, dtype=dtype)
+    with np.errstate(invalid="ignore", over="ignore"):
+        cells = np.ascontiguousarray(array.astype(dtype))
+    if not np.array_equal(cells, array):
+        raise ValueError(f"the array holds values that {dtype} cannot hold exactly")
+    return cells
+
+
 def write_direct(dset, array, threads=None):
     """Write the whole of `array` (the dataset's shape) into `dset` with the codec on `threads`
-    threads (default: one per core). A failure raises, after the chunks before it were written."""
+    threads (default: one per core). Edge chunks are padded with the fill value, as HDF5 pads them.
+    A failure raises, after the chunks before it were written."""
+    if dset.file.mode != "r+":
+        raise OSError(f"cannot write {dset.name}: {dset.file.filename} is open read-only")
     cell_bytes, level = _codec_settings(dset)
-    array = np.ascontiguousarray(array, dtype=dset.dtype)
+    array = _as_cells(array, dset.dtype)
     if array.shape != dset.shape:
         raise ValueError(f"array of shape {array.shape} for dataset of shape {dset.shape}")
     threads = _threads(threads)
+    fill = dset.fillvalue
 
     def compress(origin):
         data, within = _region(dset, origin)
-        chunk = np.zeros(dset.chunks, dtype=dset.dtype)  # edge chunks are padded with zeros
+        chunk = np.full(dset.chunks, fill, dtype=dset.dtype)
         chunk[within] = array[data]
         return _mertax.compress(chunk.reshape(-1).view(np.uint8), cell_bytes, level)
 
@@ -78,15 +95,16 @@ def write_direct(dset, array, threads=None):
 
 def read_direct(dset, threads=None):
     """Read the whole of `dset` into a new array with the codec on `threads` threads (default: one
-    per core). A damaged chunk raises ValueError with where it broke."""
+    per core); chunks never written read as the fill value, as HDF5 reads them. A damaged chunk
+    raises ValueError with where it broke."""
     cell_bytes, _ = _codec_settings(dset)
-    out = np.zeros(dset.shape, dtype=dset.dtype)
+    out = np.full(dset.shape, dset.fillvalue, dtype=dset.dtype)
     threads = _threads(threads)
     chunk_bytes = int(np.prod(dset.chunks)) * dset.dtype.itemsize
 
     def read(origin):
         info = dset.id.get_chunk_info_by_coord(origin)
-        if info.byte_offset is None:  # never written: the fill value
+        if info.byte_offset is None:  # never written: the fill value, already in out
             return origin, None, 0
         mask, blob = dset.id.read_direct_chunk(origin)
         return origin, blob, mask
@@ -97,7 +115,10 @@ def read_direct(dset, threads=None):
             return
         chunk = np.empty(dset.chunks, dtype=dset.dtype)
         if mask & 1:  # stored without the filter
-            chunk.reshape(-1).view(np.uint8)[:] = np.frombuffer(blob, np.uint8, chunk_bytes)
+            if len(blob) != chunk_bytes:
+                raise ValueError(f"the chunk at {origin} is stored unfiltered with {len(blob)} bytes, "
+                                 f"not {chunk_bytes}")
+            chunk.reshape(-1).view(np.uint8)[:] = np.frombuffer(blob, np.uint8)
         else:
             _mertax.decompress_into(blob, cell_bytes, chunk.reshape(-1).view(np.uint8))
         data, within = _region(dset, origin)

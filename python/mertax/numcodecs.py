@@ -1,7 +1,7 @@
 """The codec as a numcodecs codec, "mertax", for Zarr and other chunk stores."""
 import numpy as np
 from numcodecs.abc import Codec
-from numcodecs.compat import ensure_contiguous_ndarray, ndarray_copy
+from numcodecs.compat import ensure_contiguous_ndarray
 from numcodecs.registry import register_codec
 
 from . import _mertax
@@ -41,9 +41,16 @@ class Mertax(Codec):
     def decode(self, buf, out=None):
         data = ensure_contiguous_ndarray(buf).view(np.uint8)
         cell_bytes = self.cell_bytes or _mertax.stream_cell_hint(data)
-        expanded = np.empty(_mertax.expanded_size(data, cell_bytes), dtype=np.uint8)
+        size = _mertax.expanded_size(data, cell_bytes)  # from the headers: nothing allocated yet
+        if out is not None:
+            target = ensure_contiguous_ndarray(out).view(np.uint8)
+            if target.nbytes != size:
+                raise ValueError(f"the data expands to {size} bytes, not the {target.nbytes} of out")
+            _mertax.decompress_into(data, cell_bytes, target)
+            return out
+        expanded = np.empty(size, dtype=np.uint8)
         _mertax.decompress_into(data, cell_bytes, expanded)
-        return ndarray_copy(expanded, out) if out is not None else expanded
+        return expanded
 
     def __repr__(self):
         return f"Mertax(level={self.level}, cell_bytes={self.cell_bytes})"

@@ -6,18 +6,24 @@
 #include "Report.h"
 
 #include <algorithm>
+#include <cstdint>
 #include <iostream>
 
 size_t COptimalBiasDulo::GetWorstCaseCmpBufSize(const size_t& cellSize, const size_t& uncSize)
 {
     // A full segment costs at most its bytes plus the header word; a short one also its size
     // field. The slack covers the padding and the value fields of a segment that ends up stored.
+    // No cap: a size with which Compress can fail is no worst case. A size whose worst case does
+    // not fit in size_t gets SIZE_MAX, which no buffer has.
     const size_t segs = uncSize / STD_SEGSIZE;
     const size_t rem = uncSize % STD_SEGSIZE;
+    constexpr size_t MOST = SIZE_MAX - (STD_SEGSIZE + 4) - 16;
+    if (segs > MOST / (STD_SEGSIZE + 4))
+        return SIZE_MAX;
     const size_t needed = segs * (STD_SEGSIZE + 4) + (rem != 0 ? rem + 6 : 0);
     const size_t align = needed % 4;
     const size_t wipSpace = align != 0 ? std::max(4 - align, 2 * cellSize) : 2 * cellSize;
-    return std::min<size_t>(needed + wipSpace, 0x4000000);
+    return needed + wipSpace;
 }
 
 size_t COptimalBiasDulo::CompressSegment(void* pUncData, const uint16_t& segSize, const size_t& cellSize,

@@ -19,15 +19,13 @@ namespace {
 void ReportCorruptData(size_t segment, size_t offset, size_t bytesDone, const char* reason)
 {
     RecordExpansionFailure(segment, offset, bytesDone, reason);
-    if (!ExpansionIsQuiet())
-        ReportFailure(std::cout, "Error: deDULO corrupted data detected after decompress: ", bytesDone, " bytes");
+    ReportFailure(std::cout, "Error: deDULO corrupted data detected after decompress: ", bytesDone, " bytes");
 }
 
 void ReportSegmentFailure(size_t segment, size_t offset, size_t bytesDone)
 {
     RecordExpansionFailure(segment, offset, bytesDone, "does not decode");
-    if (!ExpansionIsQuiet())
-        ReportFailure(std::cout, "Error: deDULO returned: ", "0", " after decompress: ", bytesDone, " bytes");
+    ReportFailure(std::cout, "Error: deDULO returned: ", "0", " after decompress: ", bytesDone, " bytes");
 }
 
 constexpr const char* BAD_LENGTH = "has a length that is too short or runs past the data";
@@ -64,6 +62,9 @@ size_t COptimalBiasDulo::Decompress(const uint8_t* pCmpData, const size_t cmpDat
                                     const size_t desiredSize, size_t* cmpConsumed)
 {
     ClearExpansionFailure();
+    size_t unused;
+    if (cmpConsumed == nullptr)
+        cmpConsumed = &unused;
     const uintptr_t outAddress = reinterpret_cast<uintptr_t>(pDecmpBuff);
     if (desiredSize == 0 || cmpDataSize == 0 || outAddress + desiredSize < outAddress) {
         *cmpConsumed = 0;
@@ -117,6 +118,7 @@ size_t COptimalBiasDulo::DecompressSegment(const uint8_t* pCmpData, size_t segLe
 {
     const SegmentHeader hdr = ReadSegmentHeader(pCmpData);
     if (m_debugCompression >= 2) {
+        CFormatGuard guard(std::cout);
         std::cout << std::dec << "DecmpSeg: LW.mode: " << hdr.byteMode << " desired wsize: " << m_inflateWordSize
                   << std::endl;
     }
@@ -134,7 +136,9 @@ size_t COptimalBiasDulo::DecompressSegment(const uint8_t* pCmpData, size_t segLe
         return Inflate<uint8_t>(pCmpData, segLength, pDecmpData);
     // Byte segments widen to 16-bit cells as they are decoded.
     const size_t outBytes = Inflate<uint8_t, uint16_t>(pCmpData, segLength, pDecmpData);
-    if (m_debugCompression >= 2)
+    if (m_debugCompression >= 2) {
+        CFormatGuard guard(std::cout);
         std::cout << std::dec << "DecmpSeg: expand to short - outBytes: " << 2 * outBytes << std::endl;
+    }
     return 2 * outBytes;
 }

@@ -1,7 +1,7 @@
 // The filter function: HDF5 calls it for every chunk, to compress it on write and to expand it on
 // read. Each call decodes the dataset's client data and runs a fresh codec between HDF5's buffer
 // and one buffer of its own, which replaces HDF5's on success.
-#include "ExpansionFailure.h"
+#include "CheckedExpansion.h"
 #include "Hdf5Binding.h"
 #include "MERTAX_Debug.h"
 #include "MERTAX_Filter.h"
@@ -18,8 +18,7 @@ namespace {
 
 constexpr const char* FILTER = "H5Z_filter_dulo";
 
-size_t ExpandChunk(COptimalBiasDulo& codec, const MERTAX_FilterData& filterData, size_t numOfbytes,
-                   size_t* buf_size, void** buf)
+size_t ExpandChunk(const MERTAX_FilterData& filterData, size_t numOfbytes, size_t* buf_size, void** buf)
 {
     // Datasets whose client data lacks the chunk size expand into HDF5's buffer size.
     const uint32_t nbytes = filterData.GetBufferSize() != 0 ? filterData.GetBufferSize() : uint32_t(*buf_size);
@@ -35,26 +34,23 @@ size_t ExpandChunk(COptimalBiasDulo& codec, const MERTAX_FilterData& filterData,
                             " bytes for data expansion");
         return 0;
     }
-    // Byte segments written from 16-bit data under word-size reduction come back as 16-bit cells.
-    codec.SetInflateWordSize(filterData.GetCellBytes());
-
     if (IsDuloDebugEnabled()) {
         CFormatGuard guard(std::cout);
         std::cout << "MERTAX reading data at: " << std::hex << std::setfill('0') << *buf << std::dec
                   << " compressed bytes: " << numOfbytes << std::endl;
     }
-    const size_t expanded = codec.Decompress(static_cast<const uint8_t*>(*buf), numOfbytes, outBuffer, nbytes);
-    const uint32_t dataWritten = uint32_t(expanded);
-    if (IsDuloDebugEnabled())
+    // The stream must be whole, of the dataset's cells, and expand to exactly the chunk's size: a
+    // shorter buffer would be read past by HDF5, which copies a whole chunk out of it.
+    std::string error;
+    const bool whole = ExpandStream(static_cast<const uint8_t*>(*buf), numOfbytes, filterData.GetCellBytes(),
+                                    outBuffer, nbytes, error);
+    const uint32_t dataWritten = whole ? nbytes : 0;
+    if (IsDuloDebugEnabled()) {
+        CFormatGuard guard(std::cout);
         std::cout << "MERTAX expanded to " << dataWritten << " bytes" << std::endl;
-
-    // Anything but the exact chunk size is a damaged chunk; the codec has printed why, and HDF5's
-    // error stack gets it too.
-    if (expanded != nbytes) {
-        PushHdf5Error(FILTER, EHdf5Error::FILTER,
-                      "MERTAX cannot expand the chunk: " +
-                          DescribeExpansionShortfall(static_cast<const uint8_t*>(*buf), numOfbytes,
-                                                     filterData.GetCellBytes(), expanded, nbytes));
+    }
+    if (!whole) {
+        ReportPluginFailure(std::cerr, FILTER, EHdf5Error::FILTER, "MERTAX cannot expand the chunk: ", error);
         std::free(outBuffer);
         return 0;
     }
@@ -66,7 +62,7 @@ size_t ExpandChunk(COptimalBiasDulo& codec, const MERTAX_FilterData& filterData,
 
 std::string CompressFailureReason(uint32_t cellBytes, size_t bytes)
 {
-    if (cellBytes != 1 && cellBytes != 2 && cellBytes != 4 && cellBytes != 8)
+    if (!IsCellSize(cellBytes))
         return JoinText("MERTAX compress unsuccessful: cellBytes must be 1, 2, 4 or 8, not ", cellBytes);
     if (bytes == 0 || bytes % cellBytes != 0)
         return JoinText("MERTAX compress unsuccessful: a chunk of ", bytes, " bytes is not a whole number of ",
@@ -74,17 +70,20 @@ std::string CompressFailureReason(uint32_t cellBytes, size_t bytes)
     return "MERTAX compress unsuccessful";
 }
 
-size_t CompressChunk(COptimalBiasDulo& codec, const MERTAX_FilterData& filterData, size_t numOfbytes,
-                     size_t* buf_size, void** buf)
+size_t CompressChunk(const MERTAX_FilterData& filterData, size_t numOfbytes, size_t* buf_size, void** buf)
 {
+    COptimalBiasDulo codec;
     const uint32_t cellBytes = filterData.GetCellBytes();
     const size_t bytesToDo = numOfbytes;
     if (cellBytes == 2) {
         codec.SetReduceWordSize();
-        if (IsDuloDebugEnabled())
+        if (IsDuloDebugEnabled()) {
+            CFormatGuard guard(std::cout);
             std::cout << "MERTAX compress filter will ReduceWordSize " << std::endl;
+        }
     }
-    const uint32_t outDataSize = uint32_t(codec.GetWorstCaseCmpBufSize(cellBytes, bytesToDo));
+    // The true worst case, whatever the chunk's size: a smaller buffer could make Compress fail.
+    const size_t outDataSize = codec.GetWorstCaseCmpBufSize(cellBytes, bytesToDo);
     uint8_t* outBuffer = static_cast<uint8_t*>(std::malloc(outDataSize));
     if (outBuffer == nullptr) {
         ReportPluginFailure(std::cerr, FILTER, EHdf5Error::FILTER, "MERTAX filter unable to malloc ", outDataSize,
@@ -119,8 +118,7 @@ size_t H5Z_filter_dulo(unsigned int flags, size_t cd_nelmts, const unsigned int 
     MERTAX_FilterData filterData;
     config.Load(cd_values, cd_nelmts, filterData);
 
-    COptimalBiasDulo codec;
     if (flags & H5Z_FLAG_REVERSE)
-        return ExpandChunk(codec, filterData, numOfbytes, buf_size, buf);
-    return CompressChunk(codec, filterData, numOfbytes, buf_size, buf);
+        return ExpandChunk(filterData, numOfbytes, buf_size, buf);
+    return CompressChunk(filterData, numOfbytes, buf_size, buf);
 }

@@ -1,8 +1,10 @@
 // The dataset callbacks: HDF5 calls them once when a dataset with filter 32910 is created.
+#include "CheckedExpansion.h"
 #include "Hdf5Binding.h"
 #include "MERTAX_Debug.h"
 #include "MERTAX_Filter.h"
 #include "MERTAX_FilterData.h"
+#include "OptimalBiasDulo.h"
 #include "PluginReport.h"
 
 #include <cstdint>
@@ -20,11 +22,6 @@ void ShowFilterParms(const MERTAX_FilterData& d)
     std::cout << "MERTAX flags: 0x" << std::hex << std::setfill('0') << std::setw(8) << d.GetFlags() << std::endl;
     std::cout << std::dec << "MERTAX cellBytes: " << d.GetCellBytes() << std::endl;
     std::cout << "MERTAX compressLevel: " << d.GetCompressLevel() << std::endl;
-}
-
-bool IsCellSize(size_t bytes)
-{
-    return bytes == 1 || bytes == 2 || bytes == 4 || bytes == 8;
 }
 
 } // namespace
@@ -58,6 +55,18 @@ herr_t H5Z_dulo_set_local_filter_cb(hid_t dcpl_id, hid_t type_id, hid_t space_id
     if (config.GetFilterVersion() == 0) {
         ReportPluginFailure(std::cout, SET_LOCAL, EHdf5Error::CALLBACK, "MERTAX filter version not set, updating to: ",
                             MERTAX_FilterConfig::FILTER_VERSION);
+        return -1;
+    }
+
+    // Client data that no chunk could ever be read back with is refused now, not by every chunk.
+    if (config.GetEncodeVersion() != MERTAX_FilterConfig::CURRENT_ENCODE_VERSION) {
+        ReportPluginFailure(std::cout, SET_LOCAL, EHdf5Error::BAD_VALUE, "MERTAX filter encode version must be ",
+                            MERTAX_FilterConfig::CURRENT_ENCODE_VERSION, ", not ", config.GetEncodeVersion());
+        return -1;
+    }
+    if (filterData.GetCompressLevel() > COptimalBiasDulo::MAX_COMPRESS_LEVEL) {
+        ReportPluginFailure(std::cout, SET_LOCAL, EHdf5Error::BAD_VALUE, "MERTAX filter compressLevel must be 0 to ",
+                            COptimalBiasDulo::MAX_COMPRESS_LEVEL, ", not ", filterData.GetCompressLevel());
         return -1;
     }
 

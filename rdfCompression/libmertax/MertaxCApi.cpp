@@ -1,91 +1,116 @@
 // The C interface: each call runs a fresh codec object, set up as the HDF5 filter sets up its own,
-// and checks its arguments first so that the codec never reports them itself.
+// checks its arguments first, expands by the checked contract, and says why it failed through
+// mertax_last_error() rather than on the process's streams.
 #include "mertax.h"
 
-#include "ExpansionFailure.h"
+#include "CheckedExpansion.h"
 #include "MertaxVersion.h"
 #include "OptimalBiasDulo.h"
-#include "SegmentFormat.h"
+#include "Report.h"
 
 #include <cstdlib>
 #include <cstring>
+#include <string>
 
 namespace {
 
-bool IsCellSize(size_t cellBytes)
+thread_local std::string t_lastError;
+
+// Records the reason for the failing call and returns its failure value, 0.
+size_t Fail(std::string reason)
 {
-    return cellBytes == 1 || cellBytes == 2 || cellBytes == 4 || cellBytes == 8;
+    t_lastError = std::move(reason);
+    return 0;
 }
 
-// The codec's worst case without its cap at 64 MiB, which would fail inputs whose compressed
-// form comes near that size: every segment's bytes and header, and room for the last one's
-// padding and value fields.
+// The codec's worst case, or 0 when it does not fit in size_t.
 size_t Bound(size_t cellBytes, size_t srcSize)
 {
-    const size_t segs = srcSize / COptimalBiasDulo::STD_SEGSIZE;
-    const size_t rem = srcSize % COptimalBiasDulo::STD_SEGSIZE;
-    return segs * (COptimalBiasDulo::STD_SEGSIZE + 4) + (rem != 0 ? rem + 6 : 0) + 2 * cellBytes + 4;
+    COptimalBiasDulo codec;
+    const size_t bound = codec.GetWorstCaseCmpBufSize(cellBytes, srcSize);
+    return bound == SIZE_MAX ? 0 : bound;
 }
 
 } // namespace
 
 size_t mertax_compress_bound(size_t cell_bytes, size_t src_size)
 {
-    return IsCellSize(cell_bytes) ? Bound(cell_bytes, src_size) : 0;
+    t_lastError.clear();
+    if (!IsCellSize(cell_bytes))
+        return Fail(CellSizeError(cell_bytes));
+    const size_t bound = Bound(cell_bytes, src_size);
+    return bound != 0 ? bound : Fail("no buffer can hold the compressed form of " + std::to_string(src_size) + " bytes");
 }
 
 size_t mertax_compress(const void* src, size_t src_size, size_t cell_bytes, int level, void* dst,
                        size_t dst_capacity)
 {
-    if (!IsCellSize(cell_bytes) || src_size == 0 || src_size % cell_bytes != 0 || level < 0 ||
-        size_t(level) > COptimalBiasDulo::MAX_COMPRESS_LEVEL || src == nullptr || dst == nullptr)
-        return 0;
+    t_lastError.clear();
+    if (src == nullptr || dst == nullptr)
+        return Fail("a buffer is NULL");
+    if (!IsCellSize(cell_bytes))
+        return Fail(CellSizeError(cell_bytes));
+    if (src_size == 0 || src_size % cell_bytes != 0)
+        return Fail(std::to_string(src_size) + " bytes are not a whole, non-zero number of " +
+                    std::to_string(cell_bytes) + "-byte cells");
+    if (level < 0 || size_t(level) > COptimalBiasDulo::MAX_COMPRESS_LEVEL)
+        return Fail("level must be 0 to 9, not " + std::to_string(level));
+    const size_t bound = Bound(cell_bytes, src_size);
+    if (bound == 0)
+        return Fail("no buffer can hold the compressed form of " + std::to_string(src_size) + " bytes");
+    CQuietCodec quiet;
     COptimalBiasDulo codec;
     if (cell_bytes == 2)
         codec.SetReduceWordSize();
     codec.SetCompressLevel(size_t(level));
-    const size_t bound = Bound(cell_bytes, src_size);
     // The codec reads the cells only; it needs the bound's room while it works, so a smaller
     // destination gets the result by way of a buffer of its own.
     void* pUnc = const_cast<void*>(src);
-    if (dst_capacity >= bound)
-        return codec.Compress(pUnc, src_size, cell_bytes, static_cast<uint8_t*>(dst), bound);
+    if (dst_capacity >= bound) {
+        const size_t size = codec.Compress(pUnc, src_size, cell_bytes, static_cast<uint8_t*>(dst), bound);
+        return size != 0 ? size : Fail("the codec could not compress the data");
+    }
     uint8_t* pWork = static_cast<uint8_t*>(std::malloc(bound));
     if (pWork == nullptr)
-        return 0;
-    size_t size = codec.Compress(pUnc, src_size, cell_bytes, pWork, bound);
-    if (size > dst_capacity)
-        size = 0;
-    if (size != 0)
+        return Fail("cannot allocate " + std::to_string(bound) + " bytes");
+    const size_t size = codec.Compress(pUnc, src_size, cell_bytes, pWork, bound);
+    if (size != 0 && size <= dst_capacity)
         std::memcpy(dst, pWork, size);
     std::free(pWork);
+    if (size == 0)
+        return Fail("the codec could not compress the data");
+    if (size > dst_capacity)
+        return Fail("the compressed data needs " + std::to_string(size) + " bytes, not " + std::to_string(dst_capacity));
     return size;
 }
 
 size_t mertax_decompressed_size(const void* src, size_t src_size, size_t cell_bytes)
 {
-    if (!IsCellSize(cell_bytes) || src == nullptr)
-        return 0;
-    const CStreamWalk walk = WalkStream(static_cast<const uint8_t*>(src), src_size);
-    if (!walk.whole)
-        return 0;
-    return walk.dataBytes + (cell_bytes == 2 ? walk.byteSegmentBytes : 0);
+    t_lastError.clear();
+    if (src == nullptr)
+        return Fail("a buffer is NULL");
+    const CStreamSize size = CheckStream(static_cast<const uint8_t*>(src), src_size, cell_bytes);
+    if (!size.ok)
+        return Fail(size.error);
+    return size.bytes != 0 ? size.bytes : Fail("the data is empty");
 }
 
 size_t mertax_decompress(const void* src, size_t src_size, size_t cell_bytes, void* dst, size_t dst_size)
 {
-    if (!IsCellSize(cell_bytes) || src == nullptr || dst == nullptr || dst_size == 0)
-        return 0;
-    // Only whole segments are expanded. When the headers do not add up to dst_size, stop short of
-    // it, so that only a whole stream of the right size ever returns dst_size.
-    const bool exact = mertax_decompressed_size(src, src_size, cell_bytes) == dst_size;
-    CQuietExpansion quiet;
-    COptimalBiasDulo codec;
-    codec.SetInflateWordSize(cell_bytes);
-    size_t consumed = 0;
-    const size_t produced =
-        codec.Decompress(static_cast<const uint8_t*>(src), src_size, dst, exact ? dst_size : dst_size - 1, &consumed);
-    return produced == dst_size && consumed != src_size ? 0 : produced;
+    t_lastError.clear();
+    if (src == nullptr || dst == nullptr)
+        return Fail("a buffer is NULL");
+    if (dst_size == 0)
+        return Fail("the destination is empty");
+    std::string error;
+    if (!ExpandStream(static_cast<const uint8_t*>(src), src_size, cell_bytes, dst, dst_size, error))
+        return Fail(error);
+    return dst_size;
+}
+
+const char* mertax_last_error(void)
+{
+    return t_lastError.c_str();
 }
 
 const char* mertax_version(void)

@@ -28,6 +28,8 @@ size_t COptimalBiasDulo::GetDebugLevel() const { return m_debugCompression; }
 
 void COptimalBiasDulo::HexDump(const std::string& info, const uint8_t* pData, size_t size, const void* pShownAddress)
 {
+    // The output lock without a format guard: the dump leaves the fill at '0' on purpose.
+    std::lock_guard<std::recursive_mutex> lock(OutputLock());
     std::ostream& os = std::cout;
     const std::ios_base::fmtflags saved = os.flags();
     os << std::endl

@@ -107,7 +107,7 @@ size_t COptimalBiasDulo::Inflate(const uint8_t* pCmpData, size_t segLength, uint
     if (!ParseSegment(pCmpData, segLength, fields))
         return 0;
     const size_t segSize = fields.segSize;
-    if (segSize == 0 || segSize % sizeof(T) != 0 || segSize > MAX_SEGMENT_DATA)
+    if (!SegmentSizeValid<T>(segSize))
         return 0;
 
     if (fields.hdr.mapCode == NOT_COMPRESSED_MC) {

@@ -2,11 +2,14 @@
 // nibble plane, and keeps the compressed form unless the raw bytes are shorter.
 #include "OptimalBiasDulo.h"
 
+#include "Report.h"
+
 #include "BitOps.h"
 #include "ByteAccess.h"
 #include "KernelDispatch.h"
 #include "MapCoder.h"
 #include "NibbleCoder.h"
+#include "Report.h"
 #include "SegmentFormat.h"
 
 #include <algorithm>
@@ -93,6 +96,7 @@ unsigned COptimalBiasDulo::CountSkippedPlanes(const uint8_t* pUncData, uint16_t 
     T maskT = T(~T(0xF)); // the planes above the one that would be coded first
     for (;;) {
         if (m_debugCompression > 1) {
+            CFormatGuard guard(std::cout);
             std::cout << std::hex << "mask64: 0x" << RepeatCell<T>(maskT) << " maskT: 0x" << uint64_t(maskT)
                       << std::dec << std::endl;
         }
@@ -229,8 +233,10 @@ size_t COptimalBiasDulo::Deflate(uint8_t* pUncData, const uint16_t& segSize, T s
             std::memcpy(pRaw, pUncData, segSize);
         }
         length = storedLength;
-        if (m_debugCompression > 1)
+        if (m_debugCompression > 1) {
+            CFormatGuard guard(std::cout);
             std::cout << std::dec << "NO_COMP vLen: " << storedLength << " segSize: " << segSize << std::endl;
+        }
     }
 
     const size_t padded = RoundUp4(length);

@@ -1,7 +1,11 @@
 // The segment header word, the framing's view of a segment, and the writer of the header fields.
 #include "SegmentFormat.h"
 
+#include "Report.h"
+
+#include <algorithm>
 #include <iostream>
+#include <sstream>
 
 COptimalBiasDulo::SegmentHeader COptimalBiasDulo::SegmentHeader::FromWord(uint32_t word)
 {
@@ -38,25 +42,82 @@ size_t SegmentDataSize(const uint8_t* pSeg)
     return ReadSegmentHeader(pSeg).stdSegSize ? COptimalBiasDulo::STD_SEGSIZE : LoadLE<uint16_t>(pSeg + 4);
 }
 
-CStreamWalk WalkStream(const uint8_t* pCmp, size_t size)
+namespace {
+
+constexpr const char* BAD_LENGTH = "has a length that is too short or runs past the data";
+
+// Why the decoder would refuse the segLength-byte segment of T values at pSeg before decoding its
+// map and stream; empty when it would not.
+template <typename T>
+std::string SegmentDefectOf(const uint8_t* pSeg, size_t segLength)
+{
+    CSegmentFields<T> fields;
+    if (!ParseSegment(pSeg, segLength, fields))
+        return "has fields or stored bytes that run past its length";
+    if (SegmentSizeValid<T>(fields.segSize))
+        return std::string();
+    std::ostringstream text;
+    text << "claims " << fields.segSize << " bytes of " << 8 * sizeof(T) << "-bit cells (1 to " << MAX_SEGMENT_DATA
+         << " bytes of whole cells)";
+    return text.str();
+}
+
+std::string SegmentDefect(const uint8_t* pSeg, size_t segLength)
+{
+    switch (ReadSegmentHeader(pSeg).byteMode) {
+    case COptimalBiasDulo::BYTE_MODE:
+        return SegmentDefectOf<uint8_t>(pSeg, segLength);
+    case COptimalBiasDulo::SHORT_MODE:
+        return SegmentDefectOf<uint16_t>(pSeg, segLength);
+    case COptimalBiasDulo::U32B_MODE:
+        return SegmentDefectOf<uint32_t>(pSeg, segLength);
+    default:
+        return SegmentDefectOf<uint64_t>(pSeg, segLength);
+    }
+}
+
+// Whether a segment of byteMode expands to cells of cellBytes: its own width, or bytes widened to
+// 16-bit cells.
+bool ModeFitsCells(unsigned byteMode, size_t cellBytes)
+{
+    const size_t bytes = ModeBits(byteMode) / 8;
+    return cellBytes == bytes || (cellBytes == 2 && byteMode == COptimalBiasDulo::BYTE_MODE);
+}
+
+} // namespace
+
+CStreamWalk WalkStream(const uint8_t* pCmp, size_t size, size_t cellBytes)
 {
     CStreamWalk walk;
     for (size_t pos = 0; pos < size; ++walk.segments) {
-        const size_t length = CheckedSegmentLength(pCmp + pos, size - pos);
-        if (length == 0) {
+        const uint8_t* pSeg = pCmp + pos;
+        const size_t length = CheckedSegmentLength(pSeg, size - pos);
+        std::string problem = length == 0 ? BAD_LENGTH : SegmentDefect(pSeg, length);
+        const unsigned mode = length == 0 ? 0 : ReadSegmentHeader(pSeg).byteMode;
+        if (problem.empty() && cellBytes != 0 && !ModeFitsCells(mode, cellBytes))
+            problem = "holds " + std::to_string(ModeBits(mode)) + "-bit cells, not " + std::to_string(8 * cellBytes) +
+                      "-bit ones";
+        if (!problem.empty()) {
             walk.whole = false;
             walk.badOffset = pos;
+            walk.problem = std::move(problem);
             break;
         }
-        const size_t bytes = SegmentDataSize(pCmp + pos);
-        const unsigned mode = ReadSegmentHeader(pCmp + pos).byteMode;
+        const size_t bytes = SegmentDataSize(pSeg);
         walk.dataBytes += bytes;
         if (mode == COptimalBiasDulo::BYTE_MODE)
             walk.byteSegmentBytes += bytes;
-        walk.shortSegments |= mode == COptimalBiasDulo::SHORT_MODE;
+        walk.widestMode = std::max(walk.widestMode, mode);
         pos += length;
     }
     return walk;
+}
+
+std::string CStreamWalk::Damage() const
+{
+    std::ostringstream text;
+    text << "damaged data: segment " << segments << " at byte offset " << badOffset << " " << problem;
+    return text.str();
 }
 
 bool COptimalBiasDulo::SegmentSizeAllowed(uint16_t segSize) const
@@ -64,8 +125,7 @@ bool COptimalBiasDulo::SegmentSizeAllowed(uint16_t segSize) const
     const size_t limit = m_reduceWordSize ? MAX_SEGMENT_DATA : STD_SEGSIZE;
     if (segSize <= limit)
         return true;
-    std::cout << std::dec << "Uncompressed segment size of " << segSize << " greater than max " << STD_SEGSIZE
-              << std::endl;
+    ReportFailure(std::cout, "Uncompressed segment size of ", segSize, " greater than max ", STD_SEGSIZE);
     return false;
 }
 

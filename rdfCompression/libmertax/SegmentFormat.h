@@ -14,6 +14,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <string>
 
 using SegmentHeader = COptimalBiasDulo::SegmentHeader;
 
@@ -44,17 +45,37 @@ size_t CheckedSegmentLength(const uint8_t* pSeg, size_t available);
 // header states them: STD_SEGSIZE for a standard segment, else its segSize field.
 size_t SegmentDataSize(const uint8_t* pSeg);
 
-// What the segment headers of a compressed stream say, read without decoding any segment.
+// The decoder's limit on a segment of T values: a whole number of cells, not none, and no more
+// than the largest segment the writer makes.
+template <typename T>
+constexpr bool SegmentSizeValid(size_t segSize)
+{
+    return segSize != 0 && segSize % sizeof(T) == 0 && segSize <= MAX_SEGMENT_DATA;
+}
+
+// Bits of the cells that a segment of this byteMode holds.
+constexpr unsigned ModeBits(unsigned byteMode) { return 8u << byteMode; }
+
+// What the segment headers of a compressed stream say, each segment checked by the decoder's own
+// limits (its length, its fields, its size) without being decoded.
 struct CStreamWalk
 {
-    bool whole = true;           // every segment's length is sound and the last one ends the data
-    size_t segments = 0;         // segments read (up to the damaged one)
-    size_t badOffset = 0;        // where the damaged segment starts, when not whole
+    bool whole = true;           // every segment is well formed and the last one ends the data
+    size_t segments = 0;         // segments read (up to the faulty one)
+    size_t badOffset = 0;        // where the faulty segment starts, when not whole
+    std::string problem;         // what is wrong with it, when not whole
     size_t dataBytes = 0;        // uncompressed bytes, byte segments counted as bytes
     size_t byteSegmentBytes = 0; // of which in byte segments (widened to 16-bit cells on request)
-    bool shortSegments = false;  // some segment holds 16-bit cells
+    unsigned widestMode = 0;     // the widest byteMode among the segments
+
+    // Bytes the stream expands to with cells of cellBytes (byte segments widen for 2).
+    size_t ExpandedBytes(size_t cellBytes) const { return dataBytes + (cellBytes == 2 ? byteSegmentBytes : 0); }
+    // "damaged data: segment K at byte offset X <problem>", for a stream that is not whole.
+    std::string Damage() const;
 };
-CStreamWalk WalkStream(const uint8_t* pCmp, size_t size);
+// cellBytes 1, 2, 4 or 8 also requires every segment to hold cells that expand to that width
+// (byte segments for 2 too, widened); 0 accepts any.
+CStreamWalk WalkStream(const uint8_t* pCmp, size_t size, size_t cellBytes = 0);
 
 // The fields of one segment of T values, with the offsets of its pieces from the segment's start.
 template <typename T>

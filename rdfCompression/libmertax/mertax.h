@@ -19,8 +19,10 @@ extern "C" {
 #define MERTAX_C_API
 #endif
 
+/* Every function below that returns 0 for a failure leaves the reason in mertax_last_error(). */
+
 /* Capacity that always suffices to compress src_size bytes of cells of cell_bytes (1, 2, 4 or 8)
- * bytes; 0 for another cell size. */
+ * bytes; 0 for another cell size, or a size whose bound does not fit in size_t. */
 MERTAX_C_API size_t mertax_compress_bound(size_t cell_bytes, size_t src_size);
 
 /* Compresses src_size bytes of cells of cell_bytes bytes at level 0 to 9 (4 is the default; 16-bit
@@ -31,15 +33,22 @@ MERTAX_C_API size_t mertax_compress_bound(size_t cell_bytes, size_t src_size);
 MERTAX_C_API size_t mertax_compress(const void* src, size_t src_size, size_t cell_bytes, int level, void* dst,
                                     size_t dst_capacity);
 
-/* Bytes that the stream expands to (byte segments counted as 16-bit cells when cell_bytes is 2), read
- * from its segment headers; 0 for a damaged stream or a cell size other than 1, 2, 4 or 8. */
+/* Bytes that the stream expands to in cells of cell_bytes (byte segments widened to 16-bit cells
+ * when cell_bytes is 2), read from its segment headers; 0 for a damaged stream, one whose
+ * segments hold cells of another width, an empty one, or a cell size other than 1, 2, 4 or 8.
+ * A stream that this accepts is one that mertax_decompress accepts with that size, unless a
+ * segment's coded data itself is damaged. */
 MERTAX_C_API size_t mertax_decompressed_size(const void* src, size_t src_size, size_t cell_bytes);
 
-/* Expands the whole stream into dst. Returns the bytes written: exactly dst_size when the stream is
- * whole and expands to dst_size bytes, anything else for damaged data, a wrong size or a bad cell
- * size. Never writes past dst_size. */
+/* Expands the whole stream into dst. Returns dst_size when every segment is whole, of cells of
+ * cell_bytes, the segments end exactly at src_size and they expand to exactly dst_size bytes;
+ * otherwise 0. Never writes past dst_size. */
 MERTAX_C_API size_t mertax_decompress(const void* src, size_t src_size, size_t cell_bytes, void* dst,
                                       size_t dst_size);
+
+/* Why the last call on this thread that returned 0 failed, in one line ("" after a success). The
+ * text stays valid until the thread's next call into the library. */
+MERTAX_C_API const char* mertax_last_error(void);
 
 /* The library's version, "major.minor.patch". */
 MERTAX_C_API const char* mertax_version(void);

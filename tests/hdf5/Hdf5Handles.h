@@ -38,14 +38,16 @@ inline hid_t UnsignedType(size_t cellBytes)
 }
 
 // A chunked dataset of unsigned cells with filter 32910 and the given client data (none when
-// empty); invalid when HDF5 refuses to create it.
+// empty), and the given fill value; invalid when HDF5 refuses to create it.
 inline CHid CreateFilteredDataset(hid_t file, const std::string& name, size_t cellBytes,
                                   const std::vector<hsize_t>& dims, const std::vector<hsize_t>& chunk,
-                                  const std::vector<unsigned>& cd, unsigned filterFlags = H5Z_FLAG_MANDATORY)
+                                  const std::vector<unsigned>& cd, unsigned filterFlags = H5Z_FLAG_MANDATORY,
+                                  uint64_t fill = 0)
 {
     CHid space(H5Screate_simple(int(dims.size()), dims.data(), nullptr), H5Sclose);
     CHid dcpl(H5Pcreate(H5P_DATASET_CREATE), H5Pclose);
     H5Pset_chunk(dcpl, int(chunk.size()), chunk.data());
+    H5Pset_fill_value(dcpl, H5T_NATIVE_UINT64, &fill);
     H5Pset_filter(dcpl, MERTAX_FILTER_ID, filterFlags, cd.size(), cd.data());
     return CHid(H5Dcreate2(file, name.c_str(), UnsignedType(cellBytes), space, H5P_DEFAULT, dcpl, H5P_DEFAULT),
                 H5Dclose);

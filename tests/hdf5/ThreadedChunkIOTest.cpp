@@ -58,12 +58,13 @@ TEST_F(ThreadedChunkIO, ChunksEqualThePipelinesAndReadBackEverywhere)
         size_t cellBytes;
         unsigned level;
         std::vector<hsize_t> dims, chunk;
+        uint64_t fill; // edge chunks are padded with it, as the pipeline pads them
     } cases[] = {
-        {2, 4, {45, 700}, {16, 256}},        // partial edge chunks in both dimensions
-        {1, 0, {100000}, {30000}},           // one-dimensional, a partial last chunk
-        {4, 9, {5, 33, 70}, {2, 16, 64}},    // three dimensions
-        {8, 8, {64, 64}, {32, 64}},          // whole chunks only
-        {2, 12, {3000}, {3000}},             // one chunk; a level above 9 codes as 9
+        {2, 4, {45, 700}, {16, 256}, 7},        // partial edge chunks in both dimensions
+        {1, 0, {100000}, {30000}, 0xFF},        // one-dimensional, a partial last chunk
+        {4, 9, {5, 33, 70}, {2, 16, 64}, 0},    // three dimensions
+        {8, 8, {64, 64}, {32, 64}, 0},          // whole chunks only
+        {2, 1, {3000}, {3000}, 0},              // one chunk
     };
     CHid file = CreateFile(m_path);
     int n = 0;
@@ -71,12 +72,13 @@ TEST_F(ThreadedChunkIO, ChunksEqualThePipelinesAndReadBackEverywhere)
         const size_t cells = std::accumulate(c.dims.begin(), c.dims.end(), size_t(1), std::multiplies<size_t>());
         const std::vector<uint8_t> data = MakeShapeBytes(EShape::LOW_COUNTS, c.cellBytes, cells, 7 + n);
         const std::vector<unsigned> cd = {1, 1, 0, 0, 0, c.level};
-        CHid pipeline = CreateFilteredDataset(file, "pipeline" + std::to_string(n), c.cellBytes, c.dims, c.chunk, cd);
+        CHid pipeline = CreateFilteredDataset(file, "pipeline" + std::to_string(n), c.cellBytes, c.dims, c.chunk, cd,
+                                              H5Z_FLAG_MANDATORY, c.fill);
         ASSERT_GE(WriteAll(pipeline, c.cellBytes, data), 0);
         for (unsigned threads : {1u, 2u, 7u}) {
             SCOPED_TRACE(testing::Message() << "case " << n << ", " << threads << " threads");
             const std::string name = "threaded" + std::to_string(n) + "_" + std::to_string(threads);
-            CHid threaded = CreateFilteredDataset(file, name, c.cellBytes, c.dims, c.chunk, cd);
+            CHid threaded = CreateFilteredDataset(file, name, c.cellBytes, c.dims, c.chunk, cd, H5Z_FLAG_MANDATORY, c.fill);
             CThreadedChunkIO io(threaded, threads);
             ASSERT_TRUE(io.Write(data.data())) << io.Error();
             ExpectSameChunks(threaded, pipeline, c.dims, c.chunk);
@@ -122,7 +124,28 @@ TEST_F(ThreadedChunkIO, FailuresAreReported)
     CHid good = OpenDataset(file, "good");
     CThreadedChunkIO io(good, 2);
     EXPECT_FALSE(io.Write(data.data()));
-    EXPECT_EQ(io.Error(), "HDF5 could not write chunk 0; chunks 0 to 0 (exclusive) of 4 were written");
+    EXPECT_EQ(io.Error(), "the dataset's file is not open for writing");
+}
+
+TEST_F(ThreadedChunkIO, ChunksNeverWrittenReadAsTheFillValue)
+{
+    CHid file = CreateFile(m_path);
+    CHid dataset = CreateFilteredDataset(file, "sparse", 2, {40, 1000}, {16, 256}, {1, 1, 0, 0, 0, 4},
+                                         H5Z_FLAG_MANDATORY, 0x1234);
+    // Only a block in the middle is written: the other chunks are never stored.
+    const hsize_t start[] = {16, 256}, count[] = {16, 256};
+    CHid memory(H5Screate_simple(2, count, nullptr), H5Sclose);
+    CHid file_space(H5Dget_space(dataset), H5Sclose);
+    H5Sselect_hyperslab(file_space, H5S_SELECT_SET, start, nullptr, count, nullptr);
+    const std::vector<uint8_t> block = MakeShapeBytes(EShape::LOW_COUNTS, 2, 16 * 256, 3);
+    ASSERT_GE(H5Dwrite(dataset, H5T_NATIVE_UINT16, memory, file_space, H5P_DEFAULT, block.data()), 0);
+
+    const std::vector<uint8_t> expected = ReadAll(dataset, 2, 40 * 1000 * 2);
+    ASSERT_FALSE(expected.empty());
+    std::vector<uint8_t> back(expected.size());
+    CThreadedChunkIO io(dataset, 2);
+    ASSERT_TRUE(io.Read(back.data())) << io.Error();
+    EXPECT_EQ(back, expected);
 }
 
 } // namespace

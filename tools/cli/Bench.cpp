@@ -1,5 +1,6 @@
 #include "Bench.h"
 
+#include "CheckedExpansion.h"
 #include "CliSupport.h"
 #include "FilterCatalog.h"
 #include "Hdf5Handle.h"

@@ -27,8 +27,8 @@ private:
 
 // The whole of a file, or of standard input for "-".
 std::vector<uint8_t> ReadWhole(const std::string& path);
-// Writes `bytes` to a file (through a temporary beside it, renamed at the end, so that a failure
-// leaves nothing partial), or to standard output for "-".
+// Writes `bytes` as coreutils do: a regular file (or a new one) is replaced atomically through an
+// exclusively created temporary beside it, keeping its permissions, and nothing is left behind on
+// failure or interruption; a symbolic link is written through to its target; a device, a FIFO,
+// "-" and /dev/stdout are written to. Errors name their cause.
 void WriteWhole(const std::string& path, const std::vector<uint8_t>& bytes);
-
-bool IsCellSize(size_t cellBytes);

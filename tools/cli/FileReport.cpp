@@ -1,7 +1,7 @@
 #include "FileReport.h"
 
+#include "CheckedExpansion.h"
 #include "CliSupport.h"
-#include "ExpansionFailure.h"
 #include "Hdf5Handle.h"
 #include "JsonWriter.h"
 #include "SegmentReport.h"
@@ -34,6 +34,8 @@ struct SDataset
     std::vector<hsize_t> dims;
     std::vector<hsize_t> chunkDims;
     std::vector<unsigned> clientData;
+    unsigned position = 0;            // of filter 32910 in the pipeline
+    std::vector<H5Z_filter_t> after; // the filters that run after it on write, in order
     size_t rawBytes = 0;
     size_t storedBytes = 0;
     size_t chunkBytes = 0;
@@ -69,21 +71,48 @@ std::string Coordinates(const std::vector<hsize_t>& v)
     return text.str() + ']';
 }
 
-// The filter's position in the dataset's pipeline and its client data; false when it has none.
-bool FindFilter(hid_t dcpl, unsigned& position, std::vector<unsigned>& clientData)
+// The filter's position in the dataset's pipeline, its client data and the filters after it;
+// false when it has none.
+bool FindFilter(hid_t dcpl, SDataset& d)
 {
     const int count = H5Pget_nfilters(dcpl);
+    bool found = false;
     for (int i = 0; i < count; ++i) {
         unsigned flags = 0;
         size_t words = 6;
-        clientData.assign(6, 0);
-        if (H5Pget_filter2(dcpl, unsigned(i), &flags, &words, clientData.data(), 0, nullptr, nullptr) == FILTER_ID) {
+        std::vector<unsigned> clientData(6, 0);
+        const H5Z_filter_t id = H5Pget_filter2(dcpl, unsigned(i), &flags, &words, clientData.data(), 0, nullptr, nullptr);
+        if (found) {
+            d.after.push_back(id);
+        } else if (id == FILTER_ID) {
             clientData.resize(std::min<size_t>(words, 6));
-            position = unsigned(i);
-            return true;
+            d.clientData = clientData;
+            d.position = unsigned(i);
+            found = true;
         }
     }
-    return false;
+    return found;
+}
+
+// The chunk's bytes as filter 32910 wrote them: the Fletcher-32 checksums that later filters
+// appended taken off (HDF5 checks them when it reads through the pipeline). False, with the
+// reason, when another filter runs after ours.
+bool UndoLaterFilters(const SDataset& d, unsigned mask, std::vector<uint8_t>& bytes, std::string& reason)
+{
+    for (size_t i = d.after.size(); i-- > 0;) {
+        if ((mask >> (d.position + 1 + i)) & 1)
+            continue; // that filter skipped this chunk
+        if (d.after[i] != H5Z_FILTER_FLETCHER32) {
+            reason = "filter " + std::to_string(d.after[i]) + " runs after filter 32910";
+            return false;
+        }
+        if (bytes.size() < 4) {
+            reason = "too short for its Fletcher-32 checksum";
+            return false;
+        }
+        bytes.resize(bytes.size() - 4);
+    }
+    return true;
 }
 
 // Checks a chunk as the filter would expand it, and reads its segments.
@@ -92,13 +121,48 @@ void ExamineChunk(const std::vector<uint8_t>& bytes, const SDataset& d, SChunk& 
     if (!ReportSegments(bytes.data(), bytes.size(), chunk.segments, chunk.damage))
         return;
     const size_t cellBytes = d.clientData.size() > 4 ? d.clientData[4] : 0;
-    if (!IsCellSize(cellBytes) || d.chunkBytes == 0)
+    const size_t expected = d.clientData.size() > 2 && d.clientData[2] != 0 ? d.clientData[2] : d.chunkBytes;
+    std::vector<uint8_t> cells;
+    const CStreamSize size = CheckStream(bytes.data(), bytes.size(), cellBytes);
+    if (!size.ok) {
+        chunk.damage = size.error;
         return;
-    std::vector<uint8_t> cells(d.chunkBytes);
-    CQuietExpansion quiet;
-    const size_t produced = mertax_decompress(bytes.data(), bytes.size(), cellBytes, cells.data(), cells.size());
-    if (produced != cells.size())
-        chunk.damage = DescribeExpansionShortfall(bytes.data(), bytes.size(), cellBytes, produced, cells.size());
+    }
+    if (size.bytes != expected) {
+        chunk.damage = "the data expands to " + std::to_string(size.bytes) + " bytes, not " + std::to_string(expected);
+        return;
+    }
+    cells.resize(expected);
+    ExpandStream(bytes.data(), bytes.size(), cellBytes, cells.data(), cells.size(), chunk.damage);
+}
+
+// Calls f(coordinates) for every chunk of the dataset that is stored, looking each up by its
+// coordinates (a lookup by index walks the whole chunk index in HDF5 1.10, which made the
+// listing quadratic in the chunk count).
+template <typename F>
+void ForEachStoredChunk(hid_t dataset, const SDataset& d, hsize_t stored, F&& f)
+{
+    const size_t rank = d.dims.size();
+    std::vector<hsize_t> offset(rank, 0);
+    for (size_t k = 0; k < rank; ++k)
+        if (d.dims[k] == 0)
+            return;
+    for (hsize_t found = 0; found < stored;) {
+        hsize_t size = 0;
+        if (H5Dget_chunk_storage_size(dataset, offset.data(), &size) >= 0 && size != 0) {
+            f(offset);
+            ++found;
+        }
+        size_t k = rank;
+        while (k-- > 0) {
+            offset[k] += d.chunkDims[k];
+            if (offset[k] < d.dims[k])
+                break;
+            offset[k] = 0;
+        }
+        if (k == size_t(-1))
+            return;
+    }
 }
 
 SDataset Examine(hid_t file, const std::string& name, bool& usesFilter)
@@ -109,8 +173,7 @@ SDataset Examine(hid_t file, const std::string& name, bool& usesFilter)
     CHid dcpl(H5Dget_create_plist(dataset), H5Pclose);
     CHid type(H5Dget_type(dataset), H5Tclose);
     CHid space(H5Dget_space(dataset), H5Sclose);
-    unsigned position = 0;
-    usesFilter = H5Pget_layout(dcpl) == H5D_CHUNKED && FindFilter(dcpl, position, d.clientData);
+    usesFilter = H5Pget_layout(dcpl) == H5D_CHUNKED && FindFilter(dcpl, d);
     if (!usesFilter)
         return d;
     d.type = TypeName(type);
@@ -125,23 +188,23 @@ SDataset Examine(hid_t file, const std::string& name, bool& usesFilter)
 
     hsize_t count = 0;
     H5Dget_num_chunks(dataset, space, &count);
-    for (hsize_t i = 0; i < count; ++i) {
+    ForEachStoredChunk(dataset, d, count, [&](const std::vector<hsize_t>& offset) {
         SChunk chunk;
-        chunk.offset.resize(d.dims.size());
-        unsigned mask = 0;
-        haddr_t address = 0;
+        chunk.offset = offset;
         hsize_t size = 0;
-        H5Dget_chunk_info(dataset, space, i, chunk.offset.data(), &mask, &address, &size);
+        H5Dget_chunk_storage_size(dataset, offset.data(), &size);
         chunk.storedBytes = size;
-        chunk.unfiltered = (mask >> position) & 1;
         std::vector<uint8_t> bytes(size);
-        uint32_t readMask = 0;
-        if (H5Dread_chunk(dataset, H5P_DEFAULT, chunk.offset.data(), &readMask, bytes.data()) < 0)
+        uint32_t mask = 0;
+        if (H5Dread_chunk(dataset, H5P_DEFAULT, offset.data(), &mask, bytes.data()) < 0) {
             chunk.damage = "cannot be read from the file";
-        else if (!chunk.unfiltered)
-            ExamineChunk(bytes, d, chunk);
+        } else {
+            chunk.unfiltered = (mask >> d.position) & 1;
+            if (UndoLaterFilters(d, mask, bytes, chunk.damage) && !chunk.unfiltered)
+                ExamineChunk(bytes, d, chunk);
+        }
         d.chunks.push_back(std::move(chunk));
-    }
+    });
     return d;
 }
 
