@@ -66,6 +66,10 @@ TEST(ExpansionFraming, SecondFormExpandsOnlyWholeSegmentsThatFit)
         EXPECT_EQ(codec.Decompress(cmp.data(), cmp.size(), out.data(), c.desired, &consumed), c.produced)
             << c.desired;
         EXPECT_EQ(consumed, c.consumed) << c.desired;
+        // Without a place for the count, the expansion is the same.
+        std::vector<uint8_t> again(c.desired);
+        EXPECT_EQ(codec.Decompress(cmp.data(), cmp.size(), again.data(), c.desired, nullptr), c.produced);
+        EXPECT_EQ(again, out);
     }
     COptimalBiasDulo codec;
     size_t consumed = 999;

@@ -110,39 +110,68 @@ TEST(FilterCallback, SixteenBitChunkOf4096BytesReportsTheWorstCaseAsBufferSize)
 
 TEST(FilterCallback, ExpansionMustGiveExactlyTheExpectedSize)
 {
-    const std::vector<uint8_t> raw = MakeShapeBytes(EShape::LOW_COUNTS, 4, 250);
+    // Eight segments: a bufferSize that ends at a segment boundary must not pass for the chunk.
+    const std::vector<uint8_t> raw = MakeShapeBytes(EShape::LOW_COUNTS, 4, 8192);
     const std::vector<uint8_t> compressed = CompressedChunk(raw, 4, 4);
     struct Case
     {
         const char* what;
-        unsigned bufferSize;  // in the client data
-        size_t allocated;     // HDF5's buffer size
-        bool expands;
+        unsigned bufferSize; // in the client data
+        size_t allocated;    // HDF5's buffer size
+        size_t extra;        // zero bytes after the stream
+        const char* reason;  // of the failure, or null for a chunk that expands
     } cases[] = {
-        {"exact bufferSize", 1000, 0, true},
-        {"bufferSize one byte more", 1001, 0, false},
-        {"bufferSize one byte less", 999, 0, false},
-        {"bufferSize 0, HDF5 buffer of the chunk size", 0, 1000, true},
-        {"bufferSize 0, larger HDF5 buffer", 0, 1200, false},
+        {"exact bufferSize", 32768, 0, 0, nullptr},
+        {"bufferSize one byte more", 32769, 0, 0, "the data expands to 32768 bytes, not 32769"},
+        {"bufferSize one byte less", 32767, 0, 0, "the data expands to 32768 bytes, not 32767"},
+        {"bufferSize half the chunk", 16384, 0, 0, "the data expands to 32768 bytes, not 16384"},
+        {"bufferSize 0, HDF5 buffer of the chunk size", 0, 32768, 0, nullptr},
+        {"bufferSize 0, larger HDF5 buffer", 0, 40000, 0, "the data expands to 32768 bytes, not 40000"},
+        {"bytes after the stream", 32768, 0, 8, "segment 8 at byte offset"},
     };
     for (const Case& c : cases) {
         SCOPED_TRACE(c.what);
-        CChunkBuffer chunk(compressed, c.allocated);
+        std::vector<uint8_t> stored = compressed;
+        stored.resize(stored.size() + c.extra);
+        CChunkBuffer chunk(stored, c.allocated);
         const void* before = chunk.m_buf;
         const size_t sizeBefore = chunk.m_size;
         CCapturedStream out(std::cout);
         CCapturedStream err(std::cerr);
-        const size_t result = chunk.Run(H5Z_FLAG_REVERSE, ClientData(c.bufferSize, 4, 4), compressed.size());
-        if (c.expands) {
-            EXPECT_EQ(result, 1000u);
-            EXPECT_EQ(chunk.Bytes(1000), raw);
+        const size_t result = chunk.Run(H5Z_FLAG_REVERSE, ClientData(c.bufferSize, 4, 4), stored.size());
+        EXPECT_EQ(out.Text(), "");
+        if (c.reason == nullptr) {
+            EXPECT_EQ(result, 32768u);
+            EXPECT_EQ(chunk.Bytes(32768), raw);
         } else {
             EXPECT_EQ(result, 0u);
             EXPECT_EQ(chunk.m_buf, before);
             EXPECT_EQ(chunk.m_size, sizeBefore);
-            EXPECT_EQ(chunk.Bytes(compressed.size()), compressed);
+            EXPECT_EQ(chunk.Bytes(stored.size()), stored);
+            EXPECT_EQ(err.Text().rfind("MERTAX cannot expand the chunk: ", 0), 0u) << err.Text();
+            EXPECT_NE(err.Text().find(c.reason), std::string::npos) << err.Text();
         }
     }
+}
+
+TEST(FilterCallback, ChunksPastTheOldCapOf64MiBCompressWhenIncompressible)
+{
+    // Random bytes store raw: the compressed form is larger than the chunk.
+    std::vector<uint8_t> raw(80u << 20);
+    uint64_t state = 1;
+    for (uint8_t& b : raw) {
+        state = state * 6364136223846793005ull + 1442695040888963407ull;
+        b = uint8_t(state >> 56);
+    }
+    CChunkBuffer chunk(raw);
+    CCapturedStream err(std::cerr);
+    const size_t length = chunk.Run(0, ClientData(0, 8, 4), raw.size());
+    ASSERT_GT(length, raw.size()) << err.Text();
+    EXPECT_EQ(chunk.m_size, COptimalBiasDulo().GetWorstCaseCmpBufSize(8, raw.size()));
+    const std::vector<uint8_t> stored = chunk.Bytes(length);
+    CChunkBuffer back(stored);
+    ASSERT_EQ(back.Run(H5Z_FLAG_REVERSE, ClientData(unsigned(raw.size()), 8, 4), length), raw.size());
+    EXPECT_TRUE(back.Bytes(raw.size()) == raw);
 }
 
 TEST(FilterCallback, NothingToExpandIntoFailsWithoutTouchingTheBuffer)

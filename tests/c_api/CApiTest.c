@@ -87,8 +87,21 @@ static void CheckRoundTrip(size_t cellBytes, int level, size_t bytes)
     CHECK(mertax_decompress(bad, cmpSize, cellBytes, out, bytes) != bytes, "length field flipped");
     free(bad);
     uint8_t* shortOut = malloc(bytes - 1);
-    CHECK(mertax_decompress(cmp, cmpSize, cellBytes, shortOut, bytes - 1) != bytes - 1, "output one short");
+    CHECK(mertax_decompress(cmp, cmpSize, cellBytes, shortOut, bytes - 1) == 0, "output one short");
+    CHECK(strstr(mertax_last_error(), "the data expands to ") != NULL, "reason: %s", mertax_last_error());
     free(shortOut);
+    uint8_t* longer = calloc(cmpSize + 8, 1);
+    memcpy(longer, cmp, cmpSize);
+    CHECK(mertax_decompress(longer, cmpSize + 8, cellBytes, out, bytes) == 0, "bytes after the stream");
+    CHECK(strstr(mertax_last_error(), "runs past the data") != NULL, "reason: %s", mertax_last_error());
+    CHECK(mertax_decompressed_size(longer, cmpSize + 8, cellBytes) == 0, "size with bytes after the stream");
+    free(longer);
+    /* Cells of another width: the size and the expansion agree in refusing them. */
+    const size_t other = cellBytes == 8 ? 4 : 8;
+    CHECK(mertax_decompressed_size(cmp, cmpSize, other) == 0, "size for %zu-byte cells", other);
+    CHECK(strstr(mertax_last_error(), "-bit cells, not") != NULL, "reason: %s", mertax_last_error());
+    CHECK(mertax_decompress(cmp, cmpSize, cellBytes, out, bytes) == bytes && mertax_last_error()[0] == '\0',
+          "a success clears the reason");
     free(out);
     free(cmp);
     free(cells);
@@ -110,6 +123,12 @@ int main(void)
     CHECK(mertax_compress(cells, sizeof cells, 1, 10, cmp, sizeof cmp) == 0, "level 10");
     CHECK(mertax_compress(cells, sizeof cells, 1, -1, cmp, sizeof cmp) == 0, "level -1");
     CHECK(mertax_compress_bound(3, 64) == 0, "bound of cell size 3");
+    CHECK(strstr(mertax_last_error(), "cell size must be 1, 2, 4 or 8") != NULL, "reason: %s", mertax_last_error());
+    CHECK(mertax_compress_bound(8, SIZE_MAX - 100) == 0, "a bound that would wrap");
+    CHECK(mertax_compress_bound(1, (size_t)1 << 40) > (size_t)1 << 40, "a bound past 64 MiB is not capped");
+    CHECK(mertax_compress(cells, sizeof cells, 1, 10, cmp, sizeof cmp) == 0 &&
+              strcmp(mertax_last_error(), "level must be 0 to 9, not 10") == 0,
+          "reason: %s", mertax_last_error());
     CHECK(strlen(mertax_version()) >= 5, "version %s", mertax_version());
     if (failures == 0)
         printf("C interface %s: all checks passed\n", mertax_version());
