@@ -104,7 +104,7 @@ run_fuzz() {
     ensure_packages
     CC=clang CXX=clang++ configure_and_build build-fuzz -DCMAKE_BUILD_TYPE=Release -DMERTAX_SANITIZE=ON \
         -DMERTAX_FUZZ=ON -DMERTAX_BUILD_TESTS=OFF -DMERTAX_BUILD_BENCH=OFF
-    for target in expand round_trip filter; do
+    for target in expand round_trip filter c_api hdf5_file; do
         echo "== Fuzzing $target for $seconds s"
         # New inputs go to the build folder; the saved corpus in fuzz/corpus is only read.
         mkdir -p "build-fuzz/corpus/$target" build-fuzz/artifacts
