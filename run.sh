@@ -50,6 +50,11 @@ run_tests() {
     configure_and_build build-sanitize -DCMAKE_BUILD_TYPE=Debug -DMERTAX_SANITIZE=ON
     ASAN_OPTIONS=detect_leaks=1:abort_on_error=1 UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1 \
         ctest --test-dir build-sanitize --output-on-failure -j"$JOBS"
+    echo "== ThreadSanitizer build of the threaded tests"
+    cmake -S . -B build-tsan -DCMAKE_BUILD_TYPE=Debug -DMERTAX_TSAN=ON -DMERTAX_BUILD_BENCH=OFF >/dev/null
+    cmake --build build-tsan -j"$JOBS" --target codec_tests threaded_chunk_io_tests mertax
+    TSAN_OPTIONS=halt_on_error=1:second_deadlock_stack=1 \
+        ctest --test-dir build-tsan --output-on-failure -j"$JOBS" -R "Concurrency|ThreadedChunkIO"
 }
 
 run_bench() {
