@@ -105,14 +105,16 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
     CFuzzInput input(data, size);
     const uint64_t control = input.Take(1);
     const size_t cellBytes = size_t(1) << (control & 3);
-    const bool fletcher32 = (control & 4) != 0;
     const hsize_t chunkCells = 1 + input.Take(2) % 8192;
     // The client data as an application might store it: versions, flags, cell size and level.
     const unsigned cd[6] = {unsigned(input.Take(1) % 3), unsigned(input.Take(1) % 3), 0, 0,
                             unsigned(input.Take(1) % 10), unsigned(input.Take(1) % 12)};
-    std::vector<uint8_t> chunk(input.Rest(), input.Rest() + input.RestSize());
+    const std::vector<uint8_t> chunk(input.Rest(), input.Rest() + input.RestSize());
     if (chunk.empty())
         return 0;
+    // HDF5 1.10's Fletcher-32 reads far before a chunk of fewer than 4 bytes (its own fault, not
+    // the plugin's): such chunks go without it.
+    const bool fletcher32 = (control & 4) != 0 && chunk.size() >= 4;
     if (WriteFile(path, cellBytes, chunkCells, cd, fletcher32, chunk.data(), chunk.size()))
         ReadEveryWay(path, cellBytes, chunkCells);
     std::remove(path.c_str());
