@@ -8,6 +8,8 @@
 #                            against other compressors and HDF5 filters (also as CSV)
 #   ./run.sh fuzz [SECONDS]  build the fuzz targets with clang, ASan and UBSan, and run each for
 #                            SECONDS (default 60), starting from the saved corpus
+#   ./run.sh mutants FILE... apply simple faults to a scratch copy of the files one at a time and
+#                            list those that no test catches (slow; not part of CI)
 #   ./run.sh package         build the Debian package (build-package/libmertax_*.deb) and, as root,
 #                            install it, use it and remove it
 set -euo pipefail
@@ -135,8 +137,13 @@ bench)
     run_bench "$@"
     ;;
 package) run_package ;;
+mutants)
+    shift
+    ensure_packages
+    /usr/bin/python3 tools/mutants.py "$@"
+    ;;
 *)
-    echo "usage: $0 test | demo | bench [--quick] | fuzz [SECONDS] | package" >&2
+    echo "usage: $0 test | demo | bench [--quick] | fuzz [SECONDS] | package | mutants FILE..." >&2
     exit 2
     ;;
 esac

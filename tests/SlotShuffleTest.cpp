@@ -7,6 +7,7 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <random>
 #include <string>
 #include <vector>
@@ -112,6 +113,59 @@ TEST(SlotShuffle, NibbleSplitAgreesWithPlainReading)
         ASSERT_TRUE(std::equal(expected.begin(), expected.end(), split.begin())) << bytes << " bytes";
         ASSERT_EQ(split[2 * bytes], 0xEE) << bytes << " bytes";
     }
+}
+
+} // namespace
+
+namespace {
+
+// Each kernel set is the functions of its own name: a set that silently ran another's kernels
+// would make every comparison above compare a form with itself.
+TEST(KernelDispatch, EachSetRunsItsOwnKernels)
+{
+    struct Expected
+    {
+        EKernelSet set;
+        const char* name;
+        SlotSpreadFn spread;
+        SlotClassifyFn classify;
+    } expected[] = {
+        {EKernelSet::PORTABLE, "portable", SpreadSlotsPortable, ClassifySlotsPortable},
+#ifdef MERTAX_HAVE_X86_KERNELS
+        {EKernelSet::SSSE3, "ssse3", SpreadSlotsSsse3, ClassifySlotsSsse3},
+        {EKernelSet::AVX512, "avx512", SpreadSlotsAvx512, ClassifySlotsAvx512},
+#endif
+    };
+    for (const Expected& e : expected) {
+        SCOPED_TRACE(e.name);
+        const CKernels& kernels = KernelsOf(e.set);
+        EXPECT_STREQ(kernels.name, e.name);
+        EXPECT_EQ(kernels.spread, e.spread);
+        EXPECT_EQ(kernels.classify, e.classify);
+        const bool supported = std::find(SupportedKernelSets().begin(), SupportedKernelSets().end(), e.set) !=
+                               SupportedKernelSets().end();
+        EXPECT_EQ(UseKernelSet(e.set), supported);
+        if (supported) {
+            EXPECT_EQ(&ActiveKernels(), &kernels);
+        }
+    }
+}
+
+// Runs in a process of its own (each test does): the first use picks the default.
+TEST(KernelDispatch, TheDefaultIsTheWidestSetTheProcessorRuns)
+{
+    EKernelSet widest = EKernelSet::PORTABLE;
+#ifdef MERTAX_HAVE_X86_KERNELS
+    __builtin_cpu_init();
+    if (__builtin_cpu_supports("ssse3") && __builtin_cpu_supports("popcnt"))
+        widest = EKernelSet::SSSE3;
+    if (__builtin_cpu_supports("avx512f") && __builtin_cpu_supports("avx512bw") &&
+        __builtin_cpu_supports("avx512vbmi2"))
+        widest = EKernelSet::AVX512;
+#endif
+    EXPECT_EQ(SupportedKernelSets().back(), widest);
+    EXPECT_EQ(SupportedKernelSets().front(), EKernelSet::PORTABLE);
+    EXPECT_EQ(&ActiveKernels(), &KernelsOf(widest));
 }
 
 } // namespace

@@ -1,0 +1,103 @@
+#!/usr/bin/env python3
+"""Mutation testing: applies one simple fault at a time to a scratch copy of the named source
+files, rebuilds that copy incrementally, runs the test suite, and lists the faults no test caught.
+
+    ./run.sh mutants FILE...          (files relative to the project root)
+    MUTANTS_TESTS=regex               only the CTest tests that match (faster, fewer caught)
+    MUTANTS_LINES=first-last          only those lines of each file
+
+Faults: comparisons turned (< <=, > >=, == !=), && and || swapped, + and - swapped, integer
+constants off by one, a condition negated, and a statement that returns early or breaks removed.
+A fault that does not compile is not counted. Slow: a rebuild and a test run per fault.
+"""
+import os
+import re
+import shutil
+import subprocess
+import sys
+
+ROOT = os.path.dirname(os.path.dirname(os.path.abspath(__file__)))
+SCRATCH = os.path.join(ROOT, "build-mutants")
+SOURCE = os.path.join(SCRATCH, "src")
+BUILD = os.path.join(SCRATCH, "build")
+
+# (pattern, replacement) pairs, each applied at one match at a time.
+OPERATORS = [
+    (r"(?<![<>=!])<(?![<=])", "<="), (r"<=", "<"), (r"(?<![<>=!-])>(?![>=])", ">="), (r">=", ">"),
+    (r"==", "!="), (r"!=", "=="), (r"&&", "||"), (r"\|\|", "&&"),
+    (r"(?<=[\w)\]] )\+(?= [\w(])", "-"), (r"(?<=[\w)\]] )-(?= [\w(])", "+"),
+    (r"(?<![\w.])(\d+)(?![\w.])", lambda m: str(int(m.group(1)) + 1)),
+    (r"\bif \((.*)\)(?=\s*\{?\s*$)", lambda m: f"if (!({m.group(1)}))"),
+]
+DROPPED = re.compile(r"^\s*(return\b[^;]*;|break;|continue;)\s*$")
+
+
+def mutants(line):
+    """Every mutated form of one source line, with a short description."""
+    code = line.split("//")[0]
+    if code.lstrip().startswith(("#", "*", "/*")) or '"' in code:
+        return
+    for pattern, replacement in OPERATORS:
+        for m in re.finditer(pattern, code):
+            new = replacement(m) if callable(replacement) else replacement
+            mutated = code[:m.start()] + new + code[m.end():]
+            if mutated != code:
+                yield f"{m.group(0)!r} -> {new!r}", mutated + line[len(code):]
+    if DROPPED.match(code):
+        yield "statement removed", "\n"
+
+
+def run(cmd, **kw):
+    return subprocess.run(cmd, stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL, **kw).returncode
+
+
+def prepare():
+    shutil.rmtree(SOURCE, ignore_errors=True)
+    shutil.copytree(ROOT, SOURCE, ignore=shutil.ignore_patterns("build*", ".git"))
+    if run(["cmake", "-S", SOURCE, "-B", BUILD, "-DCMAKE_BUILD_TYPE=Release", "-DMERTAX_BUILD_BENCH=OFF"]):
+        sys.exit("mutants: cannot configure the scratch build")
+    if run(["cmake", "--build", BUILD, f"-j{os.cpu_count()}"]) or tests_fail():
+        sys.exit("mutants: the unmutated code does not build or pass its tests")
+
+
+def tests_fail():
+    cmd = ["ctest", "--test-dir", BUILD, f"-j{os.cpu_count()}", "--stop-on-failure", "--timeout", "120"]
+    if os.environ.get("MUTANTS_TESTS"):
+        cmd += ["-R", os.environ["MUTANTS_TESTS"]]
+    return run(cmd) != 0
+
+
+def main(files):
+    if not files:
+        sys.exit(__doc__)
+    first, last = 1, 10**9
+    if os.environ.get("MUTANTS_LINES"):
+        first, last = map(int, os.environ["MUTANTS_LINES"].split("-"))
+    prepare()
+    survivors, caught = [], 0
+    for name in files:
+        path = os.path.join(SOURCE, name)
+        original = open(path).read()
+        lines = original.splitlines(keepends=True)
+        for number, line in enumerate(lines, 1):
+            if not first <= number <= last:
+                continue
+            for what, mutated in mutants(line):
+                open(path, "w").write("".join(lines[:number - 1] + [mutated] + lines[number:]))
+                if run(["cmake", "--build", BUILD, f"-j{os.cpu_count()}"]) != 0:
+                    continue  # does not compile: not a mutant
+                if tests_fail():
+                    caught += 1
+                else:
+                    survivors.append(f"{name}:{number}: {what}: {line.strip()}")
+                    print("survived:", survivors[-1], flush=True)
+        open(path, "w").write(original)
+    run(["cmake", "--build", BUILD, f"-j{os.cpu_count()}"])
+    print(f"{caught} caught, {len(survivors)} survived")
+    for s in survivors:
+        print(s)
+    return 1 if survivors else 0
+
+
+if __name__ == "__main__":
+    sys.exit(main(sys.argv[1:]))
