@@ -19,7 +19,8 @@ enum class EShape
     LOW_COUNTS,   // Poisson, mean 0.3: mostly zeros
     NEAR_LEVEL,   // a common level with small deviations
     RANDOM,       // full range of the type
-    SPARSE_SPIKES // zeros with rare large values
+    SPARSE_SPIKES, // zeros with rare large values
+    DRIFTING       // a level that steps every 1500 cells, with small deviations and many exact hits
 };
 
 inline const char* ShapeName(EShape shape)
@@ -31,6 +32,7 @@ inline const char* ShapeName(EShape shape)
     case EShape::NEAR_LEVEL: return "near-level";
     case EShape::RANDOM: return "random";
     case EShape::SPARSE_SPIKES: return "sparse-spikes";
+    case EShape::DRIFTING: return "drifting";
     }
     return "?";
 }
@@ -72,6 +74,17 @@ std::vector<T> MakeShape(EShape shape, size_t count, uint64_t seed = 1)
         for (T& c : cells)
             c = rng() % 97 == 0 ? T(rng()) : T(0);
         break;
+    case EShape::DRIFTING: {
+        const int64_t step = int64_t(max / 64 + 1);
+        int64_t level = int64_t(max / 5);
+        std::uniform_int_distribution<int> deviation(-6, 6);
+        for (size_t i = 0; i < count; ++i) {
+            if (i % 1500 == 1499)
+                level += int64_t(rng() % uint64_t(2 * step + 1)) - step;
+            cells[i] = T(uint64_t(level) + (rng() % 3 == 0 ? 0 : uint64_t(int64_t(deviation(rng)))));
+        }
+        break;
+    }
     }
     return cells;
 }
