@@ -46,8 +46,6 @@ bool ExpandStream(const uint8_t* pCmp, size_t cmpSize, size_t cellBytes, void* p
         error = "the data expands to " + std::to_string(size.bytes) + " bytes, not " + std::to_string(expected);
         return false;
     }
-    if (expected == 0)
-        return true;
     // The headers add up to `expected`, so every segment fits and the expansion can fall short
     // only where a segment's map or stream does not decode.
     CQuietCodec quiet;

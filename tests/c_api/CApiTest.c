@@ -97,6 +97,9 @@ static void CheckRoundTrip(size_t cellBytes, int level, size_t bytes)
     CHECK(mertax_decompressed_size(longer, cmpSize + 8, cellBytes) == 0, "size with bytes after the stream");
     free(longer);
     /* Cells of another width: the size and the expansion agree in refusing them. */
+    CHECK(mertax_decompressed_size(cmp, cmpSize, 3) == 0 &&
+              strstr(mertax_last_error(), "cell size must be 1, 2, 4 or 8 bytes, not 3") != NULL,
+          "reason: %s", mertax_last_error());
     const size_t other = cellBytes == 8 ? 4 : 8;
     CHECK(mertax_decompressed_size(cmp, cmpSize, other) == 0, "size for %zu-byte cells", other);
     CHECK(strstr(mertax_last_error(), "-bit cells, not") != NULL, "reason: %s", mertax_last_error());
