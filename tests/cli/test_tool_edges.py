@@ -154,11 +154,21 @@ def test_the_cell_width_must_match_the_stream(tmp_path):
     assert not out.exists()
 
 
-def test_inspect_sees_through_fletcher32_and_names_other_filters(tmp_path):
+def test_inspect_sees_through_fletcher32_and_names_other_filters_without_calling_them_damage(tmp_path):
     path = tmp_path / "checked.h5"
     with h5py.File(path, "w") as f:
         f.create_dataset("checked", data=detector_like("u2", (40, 1000)), chunks=(20, 1000), fletcher32=True,
                          compression=32910, compression_opts=(1, 1, 0, 0, 0, 4))
-    result = run("inspect", path, "--chunks", "--segments")
+    with h5py.File(path, "a") as f:  # a filter after ours, through the low-level interface
+        dcpl = h5py.h5p.create(h5py.h5p.DATASET_CREATE)
+        dcpl.set_chunk((1000,))
+        dcpl.set_filter(32910, h5py.h5z.FLAG_MANDATORY, (1, 1, 0, 0, 0, 4))
+        dcpl.set_shuffle()
+        d = h5py.Dataset(h5py.h5d.create(f.id, b"after", h5py.h5t.STD_U16LE, h5py.h5s.create_simple((2000,)),
+                                         dcpl=dcpl))
+        d[...] = detector_like("u2", 2000)
+    result = run("inspect", path, "/checked", "/after", "--chunks", "--segments")
     assert result.returncode == 0, result.stdout
-    assert b"damaged" not in result.stdout and result.stdout.count(b"  chunk [") == 2
+    text = result.stdout.decode()
+    assert "damaged" not in text and text.count("  chunk [") == 6  # 4 chunks, 2 of them not checked
+    assert text.count("not checked: filter 2 runs after filter 32910") == 2

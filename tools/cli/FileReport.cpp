@@ -24,6 +24,7 @@ struct SChunk
     size_t storedBytes = 0;
     bool unfiltered = false; // stored without the filter (it was optional and failed)
     std::string damage;
+    std::string unchecked; // why the chunk could not be checked, when it could not
     std::vector<SSegmentReport> segments;
 };
 
@@ -96,7 +97,8 @@ bool FindFilter(hid_t dcpl, SDataset& d)
 
 // The chunk's bytes as filter 32910 wrote them: the Fletcher-32 checksums that later filters
 // appended taken off (HDF5 checks them when it reads through the pipeline). False, with the
-// reason, when another filter runs after ours.
+// reason, when another filter runs after ours: the chunk cannot be checked then, which is not
+// damage.
 bool UndoLaterFilters(const SDataset& d, unsigned mask, std::vector<uint8_t>& bytes, std::string& reason)
 {
     for (size_t i = d.after.size(); i-- > 0;) {
@@ -200,7 +202,7 @@ SDataset Examine(hid_t file, const std::string& name, bool& usesFilter)
             chunk.damage = "cannot be read from the file";
         } else {
             chunk.unfiltered = (mask >> d.position) & 1;
-            if (UndoLaterFilters(d, mask, bytes, chunk.damage) && !chunk.unfiltered)
+            if (UndoLaterFilters(d, mask, bytes, chunk.unchecked) && !chunk.unfiltered)
                 ExamineChunk(bytes, d, chunk);
         }
         d.chunks.push_back(std::move(chunk));
@@ -256,6 +258,8 @@ void PrintText(const SDataset& d, const SInspectOptions& o)
                       << "\n";
         if (!c.damage.empty())
             std::cout << "  chunk " << Coordinates(c.offset) << " is damaged: " << c.damage << "\n";
+        if (!c.unchecked.empty())
+            std::cout << "  chunk " << Coordinates(c.offset) << " not checked: " << c.unchecked << "\n";
         if (!o.segments)
             continue;
         for (const SSegmentReport& s : c.segments) {
@@ -323,6 +327,8 @@ void PrintJson(CJsonWriter& json, const SDataset& d, const SInspectOptions& o)
         json.Field("filtered", !c.unfiltered);
         if (!c.damage.empty())
             json.Field("damage", c.damage);
+        if (!c.unchecked.empty())
+            json.Field("unchecked", c.unchecked);
         if (o.segments) {
             json.Key("segments");
             json.BeginArray();
