@@ -88,6 +88,7 @@ def main(files):
                     continue  # does not compile: not a mutant
                 if tests_fail():
                     caught += 1
+                    print(f"caught: {name}:{number}: {what}", flush=True)
                 else:
                     survivors.append(f"{name}:{number}: {what}: {line.strip()}")
                     print("survived:", survivors[-1], flush=True)
