@@ -53,7 +53,8 @@ def run(cmd, **kw):
 
 def prepare():
     shutil.rmtree(SOURCE, ignore_errors=True)
-    shutil.copytree(ROOT, SOURCE, ignore=shutil.ignore_patterns("build*", ".git"))
+    # Fresh modification times: a file restored after an interrupted run must be rebuilt.
+    shutil.copytree(ROOT, SOURCE, ignore=shutil.ignore_patterns("build*", ".git"), copy_function=shutil.copy)
     if run(["cmake", "-S", SOURCE, "-B", BUILD, "-DCMAKE_BUILD_TYPE=Release", "-DMERTAX_BUILD_BENCH=OFF"]):
         sys.exit("mutants: cannot configure the scratch build")
     if run(["cmake", "--build", BUILD, f"-j{os.cpu_count()}"]) or tests_fail():
