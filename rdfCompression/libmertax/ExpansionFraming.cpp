@@ -28,7 +28,6 @@ void ReportSegmentFailure(size_t segment, size_t offset, size_t bytesDone)
     ReportFailure(std::cout, "Error: deDULO returned: ", "0", " after decompress: ", bytesDone, " bytes");
 }
 
-constexpr const char* BAD_LENGTH = "has a length that is too short or runs past the data";
 constexpr const char* NO_ROOM = "would expand past the end of the output";
 
 } // namespace
@@ -44,7 +43,7 @@ size_t COptimalBiasDulo::Decompress(const uint8_t* pCmpData, const size_t cmpDat
         const uint8_t* pSeg = pCmpData + cmpPos;
         const size_t compSegSize = CheckedSegmentLength(pSeg, cmpDataSize - cmpPos);
         if (compSegSize == 0 || ExpandedSegmentSize(pSeg) > decmpBuffSize - outPos) {
-            ReportCorruptData(segment, cmpPos, outPos, compSegSize == 0 ? BAD_LENGTH : NO_ROOM);
+            ReportCorruptData(segment, cmpPos, outPos, compSegSize == 0 ? BAD_SEGMENT_LENGTH : NO_ROOM);
             break;
         }
         const size_t bytesOut = DecompressSegment(pSeg, compSegSize, pOut + outPos);
@@ -77,7 +76,7 @@ size_t COptimalBiasDulo::Decompress(const uint8_t* pCmpData, const size_t cmpDat
         const uint8_t* pSeg = pCmpData + cmpPos;
         const size_t available = cmpDataSize - cmpPos;
         if (available < MIN_SEGMENT_BYTES) {
-            ReportCorruptData(segment, cmpPos, dataWritten, BAD_LENGTH);
+            ReportCorruptData(segment, cmpPos, dataWritten, BAD_SEGMENT_LENGTH);
             break;
         }
         // Only whole segments are expanded: stop before one that would overshoot desiredSize.
@@ -85,7 +84,7 @@ size_t COptimalBiasDulo::Decompress(const uint8_t* pCmpData, const size_t cmpDat
             break;
         const size_t compSegSize = CheckedSegmentLength(pSeg, available);
         if (compSegSize == 0) {
-            ReportCorruptData(segment, cmpPos, dataWritten, BAD_LENGTH);
+            ReportCorruptData(segment, cmpPos, dataWritten, BAD_SEGMENT_LENGTH);
             break;
         }
         const size_t bytesOut = DecompressSegment(pSeg, compSegSize, pOut + dataWritten);

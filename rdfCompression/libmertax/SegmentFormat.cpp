@@ -44,8 +44,6 @@ size_t SegmentDataSize(const uint8_t* pSeg)
 
 namespace {
 
-constexpr const char* BAD_LENGTH = "has a length that is too short or runs past the data";
-
 // Why the decoder would refuse the segLength-byte segment of T values at pSeg before decoding its
 // map and stream; empty when it would not.
 template <typename T>
@@ -92,7 +90,7 @@ CStreamWalk WalkStream(const uint8_t* pCmp, size_t size, size_t cellBytes)
     for (size_t pos = 0; pos < size; ++walk.segments) {
         const uint8_t* pSeg = pCmp + pos;
         const size_t length = CheckedSegmentLength(pSeg, size - pos);
-        std::string problem = length == 0 ? BAD_LENGTH : SegmentDefect(pSeg, length);
+        std::string problem = length == 0 ? BAD_SEGMENT_LENGTH : SegmentDefect(pSeg, length);
         const unsigned mode = length == 0 ? 0 : ReadSegmentHeader(pSeg).byteMode;
         if (problem.empty() && cellBytes != 0 && !ModeFitsCells(mode, cellBytes))
             problem = "holds " + std::to_string(ModeBits(mode)) + "-bit cells, not " + std::to_string(8 * cellBytes) +

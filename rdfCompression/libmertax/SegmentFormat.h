@@ -38,7 +38,9 @@ inline SegmentHeader ReadSegmentHeader(const uint8_t* pSeg)
 }
 
 // Length of the segment at pSeg as its header states it, or 0 when fewer than MIN_SEGMENT_BYTES
-// are available, or the stated length is shorter than that or runs past `available`.
+// are available, or the stated length is shorter than that or runs past `available` (which
+// BAD_SEGMENT_LENGTH says in a message).
+constexpr const char* BAD_SEGMENT_LENGTH = "has a length that is too short or runs past the data";
 size_t CheckedSegmentLength(const uint8_t* pSeg, size_t available);
 
 // Uncompressed bytes of the segment at pSeg (whose first MIN_SEGMENT_BYTES are readable), as its
