@@ -87,20 +87,25 @@ bool ModeFitsCells(unsigned byteMode, size_t cellBytes)
 CStreamWalk WalkStream(const uint8_t* pCmp, size_t size, size_t cellBytes)
 {
     CStreamWalk walk;
+    const auto fail = [&walk](size_t pos, std::string problem) {
+        walk.whole = false;
+        walk.badOffset = pos;
+        walk.problem = std::move(problem);
+        return walk;
+    };
     for (size_t pos = 0; pos < size; ++walk.segments) {
         const uint8_t* pSeg = pCmp + pos;
+        // The header is read only once the length says that it is there.
         const size_t length = CheckedSegmentLength(pSeg, size - pos);
-        std::string problem = length == 0 ? BAD_SEGMENT_LENGTH : SegmentDefect(pSeg, length);
-        const unsigned mode = length == 0 ? 0 : ReadSegmentHeader(pSeg).byteMode;
-        if (problem.empty() && cellBytes != 0 && !ModeFitsCells(mode, cellBytes))
-            problem = "holds " + std::to_string(ModeBits(mode)) + "-bit cells, not " + std::to_string(8 * cellBytes) +
-                      "-bit ones";
-        if (!problem.empty()) {
-            walk.whole = false;
-            walk.badOffset = pos;
-            walk.problem = std::move(problem);
-            break;
-        }
+        if (length == 0)
+            return fail(pos, BAD_SEGMENT_LENGTH);
+        std::string problem = SegmentDefect(pSeg, length);
+        if (!problem.empty())
+            return fail(pos, std::move(problem));
+        const unsigned mode = ReadSegmentHeader(pSeg).byteMode;
+        if (cellBytes != 0 && !ModeFitsCells(mode, cellBytes))
+            return fail(pos, "holds " + std::to_string(ModeBits(mode)) + "-bit cells, not " +
+                                 std::to_string(8 * cellBytes) + "-bit ones");
         const size_t bytes = SegmentDataSize(pSeg);
         walk.dataBytes += bytes;
         if (mode == COptimalBiasDulo::BYTE_MODE)
