@@ -1,11 +1,9 @@
 // Expansion of whole buffers: walking from segment to segment, widening byte segments, stopping
-// on damaged or oversized segments, and the diagnostic output.
+// on damaged or oversized segments.
 #include "OptimalBiasDulo.h"
 #include "TestSupport.h"
 
 #include <gtest/gtest.h>
-
-#include <sstream>
 
 namespace {
 
@@ -139,76 +137,6 @@ TEST(ExpansionFraming, FirstFormRefusesASegmentThatWouldOverrunTheOutput)
         EXPECT_EQ(codec.Decompress(cmp.data(), cmp.size(), out.data(), out.size()), 4u);
         EXPECT_EQ(captured.Text(), std::string(CORRUPT) + "4 bytes\n");
     }
-}
-
-TEST(ExpansionFraming, DebugLevelTracesAndDumpsUntilItFallsToTen)
-{
-    const std::vector<uint8_t> cmp = Concat({FOUR_BYTES, FOUR_BYTES, FOUR_BYTES});
-    COptimalBiasDulo codec;
-    codec.SetDebugLevel(12);
-    codec.SetInflateWordSize(2);
-    std::vector<uint8_t> out(24);
-    std::cout.fill('0'); // what any earlier dump in the process leaves behind
-    std::string text;
-    {
-        CCapturedStream captured(std::cout);
-        ASSERT_EQ(codec.Decompress(cmp.data(), cmp.size(), out.data(), out.size()), 24u);
-        text = captured.TextWithoutAddresses();
-    }
-    EXPECT_EQ(codec.GetDebugLevel(), 10u);
-    const std::string trace = "DecmpSeg: LW.mode: 0 desired wsize: 2\n";
-    const std::string widened = "DecmpSeg: expand to short - outBytes: 8\n";
-    const std::string dump = "\nDecompressed Data(4 bytes at address=ADDR)\n00: 12 12 13 12\n\n";
-    EXPECT_EQ(text, trace + dump + widened + trace + dump + widened + trace + widened);
-}
-
-TEST(ExpansionFraming, DumpNamesTheOutputAndWideningTracesEvenAnEmptySegment)
-{
-    for (size_t wordSize : {size_t(0), size_t(2)}) {
-        COptimalBiasDulo codec;
-        codec.SetDebugLevel(11);
-        codec.SetInflateWordSize(wordSize);
-        std::vector<uint8_t> out(16);
-        CCapturedStream captured(std::cout);
-        codec.Decompress(FOUR_BYTES.data(), FOUR_BYTES.size(), out.data(), out.size());
-        std::ostringstream address;
-        address << "address=" << static_cast<const void*>(out.data()) << ")";
-        EXPECT_NE(captured.Text().find(address.str()), std::string::npos) << captured.Text();
-    }
-    std::vector<uint8_t> empty = EIGHT_BYTES;
-    empty[4] = 0;
-    COptimalBiasDulo codec;
-    codec.SetDebugLevel(2);
-    codec.SetInflateWordSize(2);
-    std::vector<uint8_t> out(16);
-    CCapturedStream captured(std::cout);
-    EXPECT_EQ(codec.Decompress(empty.data(), empty.size(), out.data(), out.size()), 0u);
-    EXPECT_EQ(captured.Text(), "DecmpSeg: LW.mode: 0 desired wsize: 2\nDecmpSeg: expand to short - outBytes: 0\n"
-                               "Error: deDULO returned: 0 after decompress: 0 bytes\n");
-}
-
-TEST(ExpansionFraming, HexDumpRowsAndTheFirstRowPadding)
-{
-    std::vector<uint8_t> raw(20);
-    for (size_t i = 0; i < raw.size(); ++i)
-        raw[i] = uint8_t(0xF0 + i);
-    SegmentFields f;
-    f.segSize = 20;
-    f.map = {0x80 | 40}; // all 40 slots match bias 0
-    const std::vector<uint8_t> cmp = BuildCompressedSegment(f);
-
-    COptimalBiasDulo codec;
-    codec.SetDebugLevel(11);
-    std::vector<uint8_t> out(20);
-    std::cout.fill(' '); // as in a fresh process, before anything set the fill
-    CCapturedStream captured(std::cout);
-    codec.Decompress(cmp.data(), cmp.size(), out.data(), out.size());
-    codec.SetDebugLevel(11);
-    codec.Decompress(cmp.data(), cmp.size(), out.data(), out.size());
-    const std::string rows = "00 00 00 00 00 00 00 00 00 00 00 00 00 00 00 00\n10: 00 00 00 00\n\n";
-    const std::string head = "DecmpSeg: LW.mode: 0 desired wsize: 0\n\nDecompressed Data(20 bytes at address=ADDR)\n";
-    EXPECT_EQ(captured.TextWithoutAddresses(), head + " 0: " + rows + head + "00: " + rows);
-    EXPECT_EQ(std::cout.flags() & std::ios_base::basefield, std::ios_base::dec);
 }
 
 } // namespace

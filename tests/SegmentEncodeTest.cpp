@@ -174,32 +174,4 @@ TEST(SegmentEncode, StoredFallbackRestoresSegminInTheCallersCells)
     EXPECT_EQ(Bytes(seg.begin() + 6, seg.begin() + 70), original);
 }
 
-TEST(SegmentEncode, DebugTracesAndDumps)
-{
-    COptimalBiasDulo codec;
-    codec.SetDebugLevel(2);
-    {
-        CCapturedStream captured(std::cout);
-        Encode<uint8_t>({0x12, 0x12, 0x13, 0x12}, 0, 0x12, codec);
-        EXPECT_EQ(captured.Text(), "mask64: 0xf0f0f0f0f0f0f0f0 maskT: 0xf0\nNO_COMP vLen: 10 segSize: 4\n");
-    }
-    {
-        CCapturedStream captured(std::cout);
-        Encode<uint32_t>({0x100}, 0, 0, codec);
-        EXPECT_EQ(captured.Text(), "mask64: 0xfffffff0fffffff0 maskT: 0xfffffff0\n"
-                                   "mask64: 0xffffff00ffffff00 maskT: 0xffffff00\n"
-                                   "mask64: 0xfffff000fffff000 maskT: 0xfffff000\n");
-    }
-    codec.SetDebugLevel(11);
-    CCapturedStream captured(std::cout);
-    std::vector<uint8_t> cells = {0x05, 0x05, 0x05, 0x05, 0x05, 0x00, 0x07, 0x00};
-    COptimalBiasDuloTestPeer::Deflate<uint8_t>(codec, cells, 0, 0);
-    const std::string text = captured.TextWithoutAddresses();
-    const size_t input = text.find("Uncompressed Data(8 bytes at address=ADDR)");
-    const size_t map = text.find("Compressed map(3 bytes at address=ADDR)\n00: 88 02 81\n");
-    const size_t output = text.find("Compressed Data(12 bytes at address=ADDR)\n00: 82 01 60 00 08 00 50 57 50 88 02 81");
-    EXPECT_TRUE(input < map && map < output && output != std::string::npos) << text;
-    EXPECT_EQ(codec.GetDebugLevel(), 10u);
-}
-
 } // namespace

@@ -1,0 +1,247 @@
+// The coders' run-based fast paths against their plain slot-by-slot forms (ReferenceCoders.h),
+// first on random mixes of long runs, short runs and noise, then with the format's boundaries
+// placed at the start, in the middle and at the end of a segment's slots and across a plane's
+// end: match runs either side of the map entry limits (6 slots of a bit-mask entry, 63/64 and
+// 95/96 of the short and medium skips, 8287 of the long one), non-match runs either side of the
+// run entry's 63, nibble runs either side of the stream's short (15) and byte (255) run lengths
+// and a run length equal to the escape. What the coders write must also read back.
+#include "MapCoder.h"
+#include "NibbleCoder.h"
+#include "NonMatchMask.h"
+#include "NonMatchReader.h"
+#include "ReferenceCoders.h"
+
+#include <gtest/gtest.h>
+
+#include <random>
+#include <vector>
+
+namespace {
+
+constexpr size_t SLOTS = 16384; // the largest segment: 8192 bytes, two planes per byte
+constexpr size_t PLANE = 4096;  // planes of 16-bit cells in a 4096-byte segment
+
+// Runs of repeats of random lengths (up to 300) and stretches of noise, from an alphabet of
+// `alphabet` values.
+std::vector<uint8_t> RunsAndNoise(std::mt19937_64& rng, size_t count, unsigned alphabet)
+{
+    std::vector<uint8_t> values;
+    while (values.size() < count) {
+        const uint8_t v = uint8_t(rng() % alphabet);
+        const size_t length = rng() % 4 == 0 ? 1 + rng() % 300 : 1 + rng() % 3;
+        values.insert(values.end(), std::min(length, count - values.size()), v);
+    }
+    return values;
+}
+
+// Codes `match` (1 = the slot matches) after `skipped` matching slots with both map coders; the
+// bits reach the fast one in pieces of `piece()` bits, as planes of any length hand them over.
+template <typename Piece>
+void ExpectMapCodersAgree(const std::vector<uint8_t>& match, size_t skipped, Piece piece, const std::string& what)
+{
+    ASSERT_LE(skipped + match.size(), SLOTS);
+    CReferenceMapCoder plain;
+    plain.First(match[0], skipped);
+    for (size_t s = 1; s < match.size(); ++s)
+        plain.Next(match[s]);
+    plain.Finish();
+
+    std::vector<uint64_t> words(match.size() / 64 + 3, ~uint64_t(0)); // what lies past the bits must not count
+    CMatchBits bits(words.data());
+    for (size_t s = 0; s < match.size();) {
+        const unsigned count = unsigned(std::min<size_t>(match.size() - s, piece()));
+        uint64_t bitsOfPiece = 0;
+        for (unsigned k = 0; k < count; ++k)
+            bitsOfPiece |= uint64_t(match[s + k]) << k;
+        bits.Append(bitsOfPiece, count);
+        s += count;
+    }
+    std::vector<uint8_t> map(2 * SLOTS);
+    CMapCoder coder;
+    map.resize(coder.Code(words.data(), bits.Close(), skipped, map.data()));
+    ASSERT_EQ(map, plain.Map()) << what;
+    ASSERT_EQ(coder.RunTooLong(), plain.RunTooLong()) << what;
+    if (coder.RunTooLong())
+        return; // a skip longer than the format holds: the encoder stores such a segment raw
+    // The map reads back to the same slots (a match bit is 0, as the decoder keeps them).
+    CNonMatchMask mask;
+    ASSERT_TRUE(mask.Decode(map.data(), map.data() + map.size(), skipped + match.size())) << what;
+    for (size_t s = 0; s < match.size(); ++s)
+        ASSERT_EQ((mask.BitsAt(skipped + s) & 1) == 0, bool(match[s])) << what << ", slot " << s;
+}
+
+// Codes planes of non-match nibbles with both nibble coders, storing at most `limit` bytes, and
+// reads the stream back.
+void ExpectNibbleCodersAgree(const std::vector<std::vector<uint8_t>>& planes, const std::vector<uint8_t>& escapes,
+                             const std::string& what, size_t limit = 3 * SLOTS)
+{
+    CNibbleCoder coder(escapes[0]);
+    CReferenceNibbleCoder plain(escapes[0]);
+    for (size_t p = 0; p < planes.size(); ++p) {
+        for (uint8_t n : planes[p])
+            plain.NonMatch(n, escapes[p]);
+        plain.EndPlane(escapes[p]);
+        // Whatever follows a plane's nibbles in the buffer must not count.
+        std::fill_n(std::copy(planes[p].begin(), planes[p].end(), coder.PlaneNibbles()), 64, plain.LastNibble());
+        coder.Plane(planes[p].size(), escapes[p]);
+    }
+    plain.Finish(escapes.back());
+    // A write limit short of the stream stores only that much but still counts it all.
+    std::vector<uint8_t> stream(3 * SLOTS + 1, 0xEE);
+    ASSERT_EQ(coder.Finish(escapes.back(), stream.data(), limit), plain.Stream().size()) << what;
+    const size_t stored = std::min(limit, plain.Stream().size());
+    ASSERT_TRUE(std::equal(plain.Stream().begin(), plain.Stream().begin() + std::ptrdiff_t(stored), stream.begin()))
+        << what;
+    ASSERT_EQ(stream[stored], 0xEE) << what;
+    if (stored < plain.Stream().size())
+        return;
+
+    CNonMatchReader reader(stream.data(), stored, escapes[0]);
+    for (size_t p = 0; p < planes.size(); ++p)
+        for (size_t i = 0; i < planes[p].size(); ++i) {
+            uint8_t nibble = 0xFF;
+            ASSERT_TRUE(reader.Next(escapes[p], nibble)) << what << ", plane " << p << " nibble " << i;
+            ASSERT_EQ(nibble, planes[p][i]) << what << ", plane " << p << " nibble " << i;
+        }
+}
+
+TEST(FastPath, MapCoderAgreesWithSlotBySlot)
+{
+    std::mt19937_64 rng(21);
+    for (int round = 0; round < 400; ++round) {
+        const size_t slots = 1 + rng() % SLOTS;
+        const size_t skipped = rng() % 3 == 0 ? rng() % (SLOTS - slots + 1) : 0;
+        ExpectMapCodersAgree(RunsAndNoise(rng, slots, 2), skipped, [&] { return 1 + rng() % 64; },
+                             "round " + std::to_string(round));
+    }
+}
+
+TEST(FastPath, NibbleCoderAgreesWithNibbleByNibble)
+{
+    std::mt19937_64 rng(22);
+    for (int round = 0; round < 600; ++round) {
+        std::vector<std::vector<uint8_t>> planes(1 + rng() % 4);
+        std::vector<uint8_t> escapes;
+        size_t nibbles = 0;
+        for (auto& plane : planes) {
+            escapes.push_back(uint8_t(rng() % 16));
+            plane = RunsAndNoise(rng, rng() % 2000, 2 + unsigned(rng() % 15));
+            for (uint8_t& n : plane) // non-matches never equal their plane's escape
+                n = n == escapes.back() ? uint8_t((n + 1) % 16) : n;
+            nibbles += plane.size();
+        }
+        const size_t limit = rng() % 4 == 0 ? rng() % (nibbles / 2 + 1) : 3 * SLOTS;
+        ExpectNibbleCodersAgree(planes, escapes, "round " + std::to_string(round), limit);
+    }
+}
+
+TEST(FastPath, StreamReaderWindowAgreesWithNibbleByNibble)
+{
+    std::mt19937_64 rng(23);
+    for (int round = 0; round < 600; ++round) {
+        // Few distinct nibbles, so that escapes and both run-length forms are frequent.
+        const std::vector<uint8_t> nibbles = RunsAndNoise(rng, 2 * (1 + rng() % 1500), 1 + unsigned(rng() % 4));
+        std::vector<uint8_t> stream(nibbles.size() / 2);
+        for (size_t i = 0; i < stream.size(); ++i)
+            stream[i] = uint8_t(nibbles[2 * i] << 4 | nibbles[2 * i + 1]);
+        const uint8_t escape = uint8_t(rng() % 4);
+        CNonMatchReader window(stream.data(), stream.size(), escape), single(stream.data(), stream.size(), escape);
+        std::vector<uint8_t> taken(nibbles.size() * 255 + CNonMatchReader::OUTPUT_SLACK), expected;
+        for (uint8_t nibble; single.Next(escape, nibble);)
+            expected.push_back(nibble);
+        // Takes in pieces of random sizes as long as the plain reading got that far.
+        for (size_t done = 0, count; done < expected.size(); done += count) {
+            count = std::min<size_t>(expected.size() - done, 1 + rng() % 200);
+            ASSERT_TRUE(window.Take(count, escape, taken.data() + done)) << "round " << round;
+        }
+        ASSERT_TRUE(std::equal(expected.begin(), expected.end(), taken.begin())) << "round " << round;
+        uint8_t past[1 + CNonMatchReader::OUTPUT_SLACK];
+        EXPECT_FALSE(window.Take(1, escape, past)) << "round " << round;
+    }
+}
+
+// Where a run of `length` goes among `slots` slots.
+std::vector<size_t> Placements(size_t length, size_t slots)
+{
+    std::vector<size_t> at = {0, slots / 2 - length / 2, slots - length};
+    if (length < PLANE)
+        at.push_back(PLANE - length / 2); // across the end of the first plane
+    return at;
+}
+
+size_t WholeWords() { return 64; }
+
+TEST(Boundaries, MatchRunsAroundEveryMapEntryLimit)
+{
+    for (size_t length : {5, 6, 7, 63, 64, 65, 95, 96, 97, 8287, 8288, 8289}) {
+        for (size_t slots : {size_t(2 * PLANE), SLOTS}) {
+            if (length > slots)
+                continue;
+            for (size_t at : Placements(length, slots)) {
+                // Non-matches around the run, and a bit-mask pattern before it.
+                std::vector<uint8_t> match(slots, 0);
+                for (size_t s = 0; s < at && s < 12; ++s)
+                    match[s] = s % 3 == 0;
+                std::fill_n(match.begin() + std::ptrdiff_t(at), length, 1);
+                // Leading planes that are not coded count as matches before the first slot.
+                for (size_t skipped : {size_t(0), size_t(3)})
+                    ExpectMapCodersAgree(std::vector<uint8_t>(match.begin() + std::ptrdiff_t(skipped), match.end()),
+                                         skipped, WholeWords,
+                                         "run of " + std::to_string(length) + " at " + std::to_string(at) + " of " +
+                                             std::to_string(slots) + ", " + std::to_string(skipped) + " skipped");
+            }
+        }
+    }
+}
+
+TEST(Boundaries, NonMatchRunsAroundTheRunEntryLimit)
+{
+    for (size_t length : {5, 6, 7, 62, 63, 64, 65, 127, 128}) {
+        for (size_t at : Placements(length, 2 * PLANE)) {
+            std::vector<uint8_t> match(2 * PLANE, 1);
+            std::fill_n(match.begin() + std::ptrdiff_t(at), length, 0);
+            ExpectMapCodersAgree(match, 0, WholeWords,
+                                 "non-matches " + std::to_string(length) + " at " + std::to_string(at));
+        }
+    }
+}
+
+TEST(Boundaries, NibbleRunsAroundTheShortAndByteRunLengths)
+{
+    for (size_t length : {1, 2, 3, 4, 14, 15, 16, 17, 254, 255, 256, 257, 600}) {
+        for (uint8_t escape : {uint8_t(0), uint8_t(3), uint8_t(15)}) {
+            const uint8_t value = uint8_t((escape + 5) % 16);
+            for (size_t at : {size_t(0), size_t(500), size_t(1000 - length % 1000)}) {
+                // Literals that never equal the escape, with the run inside them.
+                std::vector<uint8_t> plane(1000 + length);
+                for (size_t i = 0; i < plane.size(); ++i)
+                    plane[i] = uint8_t((escape + 1 + (i * 7) % 15) % 16);
+                std::fill_n(plane.begin() + std::ptrdiff_t(at), length, value);
+                ExpectNibbleCodersAgree({plane}, {escape},
+                                        "run of " + std::to_string(length) + " at " + std::to_string(at) +
+                                            ", escape " + std::to_string(escape));
+            }
+        }
+    }
+}
+
+TEST(Boundaries, RunLengthsEqualToTheEscapeAndRunsAcrossPlanes)
+{
+    for (uint8_t escape = 2; escape < 16; ++escape) {
+        // A run whose short length would be the escape nibble itself must take the byte form.
+        const uint8_t value = uint8_t(escape == 1 ? 2 : 1);
+        std::vector<uint8_t> plane(escape, value);
+        plane.push_back(uint8_t((value + 1) % 16 == escape ? (value + 2) % 16 : (value + 1) % 16));
+        ExpectNibbleCodersAgree({plane}, {escape}, "run equal to escape " + std::to_string(escape));
+    }
+    // A run that reaches the end of one plane goes on in the next, whose escape differs.
+    for (size_t head : {1, 2, 15, 16, 255, 256}) {
+        for (size_t tail : {1, 2, 14, 200}) {
+            const std::vector<uint8_t> first(head, 9), second(tail, 9);
+            ExpectNibbleCodersAgree({first, second}, {4, 7},
+                                    "run of " + std::to_string(head) + " + " + std::to_string(tail) + " across planes");
+        }
+    }
+}
+
+} // namespace
