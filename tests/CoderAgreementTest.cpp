@@ -160,10 +160,11 @@ TEST(FastPath, StreamReaderWindowAgreesWithNibbleByNibble)
     }
 }
 
-// Where a run of `length` goes among `slots` slots.
+// Where a run of `length` goes among `slots` slots: at the start, in the middle, ending the
+// segment, ended by the segment's last slot, and across the end of the first plane.
 std::vector<size_t> Placements(size_t length, size_t slots)
 {
-    std::vector<size_t> at = {0, slots / 2 - length / 2, slots - length};
+    std::vector<size_t> at = {0, slots / 2 - length / 2, slots - length, slots - length - 1};
     if (length < PLANE)
         at.push_back(PLANE - length / 2); // across the end of the first plane
     return at;
@@ -174,17 +175,19 @@ size_t WholeWords() { return 64; }
 TEST(Boundaries, MatchRunsAroundEveryMapEntryLimit)
 {
     for (size_t length : {5, 6, 7, 63, 64, 65, 95, 96, 97, 8287, 8288, 8289}) {
-        for (size_t slots : {size_t(2 * PLANE), SLOTS}) {
-            if (length > slots)
+        // The third count starts the run ended by the last slot on a group boundary, so that all
+        // of it is coded as one run.
+        for (size_t slots : {size_t(2 * PLANE), SLOTS, 4200 + length + 1}) {
+            if (length > slots || slots > SLOTS)
                 continue;
             for (size_t at : Placements(length, slots)) {
-                // Non-matches around the run, and a bit-mask pattern before it.
+                // Non-matches around the run, and bit-mask groups that are not all zero before it.
                 std::vector<uint8_t> match(slots, 0);
-                for (size_t s = 0; s < at && s < 12; ++s)
-                    match[s] = s % 3 == 0;
+                for (size_t s = 0; s < at; ++s)
+                    match[s] = (at - s) % 3 == 0;
                 std::fill_n(match.begin() + std::ptrdiff_t(at), length, 1);
                 // Leading planes that are not coded count as matches before the first slot.
-                for (size_t skipped : {size_t(0), size_t(3)})
+                for (size_t skipped : {size_t(0), size_t(1), size_t(3)})
                     ExpectMapCodersAgree(std::vector<uint8_t>(match.begin() + std::ptrdiff_t(skipped), match.end()),
                                          skipped, WholeWords,
                                          "run of " + std::to_string(length) + " at " + std::to_string(at) + " of " +

@@ -1,5 +1,5 @@
-// Expansion of single segments: the documented example segments and hand-built segments that
-// exercise each map entry kind, the escape forms of the nibble stream and plane crossings.
+// Expansion of single segments: the documented example segments, stored segments, and random
+// segments of every map entry kind, escape form and plane crossing against slot-by-slot reading.
 #include "OptimalBiasDulo.h"
 #include "TestSupport.h"
 
@@ -63,131 +63,6 @@ TEST(SegmentDecode, LongMatchSkipAcrossThreePlanesOfShortSegment)
     };
     for (const auto& seg : segments)
         EXPECT_EQ(ToCells<uint16_t>(Expand(seg, 4096)), expected);
-}
-
-TEST(SegmentDecode, AllMatchingStandardSegmentEndsOnLongSkip)
-{
-    SegmentFields f;
-    f.standard = true;
-    f.hasBias = true;
-    f.bias = 0xA7;
-    f.map = {0xFF, 0xFF};
-    EXPECT_EQ(Expand(BuildCompressedSegment(f), 4096), std::vector<uint8_t>(4096, 0xA7));
-}
-
-TEST(SegmentDecode, EveryMapEntryKind)
-{
-    // 100 bytes, bias 0: plane 0 holds the high nibbles, plane 1 the low ones.
-    SegmentFields f;
-    f.segSize = 100;
-    f.stream = {0xAB, 0x03, 0x12, 0x37};
-    f.map = {
-        0xC2,       // 66 matches, then element 66 of plane 0: literal A
-        0x43,       // elements 67..69: literal B, escape 0 with run 3
-        0x40,       // covers no slot
-        0x2A,       // 70 match, 71 literal 1, 72 match, 73 literal 2, 74 match, 75 literal 3
-        0xE0, 0x10, // 112 matches: 76..99 of plane 0, 0..87 of plane 1; element 88 literal 7
-        0x8B,       // 11 matches reach the last slot: the segment ends
-    };
-    std::vector<uint8_t> expected(100, 0);
-    expected[66] = 0xA0;
-    expected[67] = expected[68] = expected[69] = 0xB0;
-    expected[71] = 0x10;
-    expected[73] = 0x20;
-    expected[75] = 0x30;
-    expected[88] = 0x07;
-    EXPECT_EQ(Expand(BuildCompressedSegment(f), 100), expected);
-}
-
-TEST(SegmentDecode, EscapesInBothHalvesAndRunsIntoNextPlane)
-{
-    // Bias 0x53: escape 5 in plane 0, escape 3 in plane 1. Stream nibbles:
-    //   1 | 2 5 4 (escape in a high half, run 4) | 3 5 3 (escape in a low half, run 3)
-    //   6 5 5 1 4 (high half, byte form, run 0x14) | 7 5 5 0 A (low half, byte form, run 0x0A)
-    //   8 5 4 (run 4: the last two repeats fall on plane 1) | 5 (a literal in plane 1) 3 2
-    SegmentFields f;
-    f.segSize = 40;
-    f.hasBias = true;
-    f.bias = 0x53;
-    f.stream = {0x12, 0x54, 0x35, 0x36, 0x55, 0x14, 0x75, 0x50, 0xA8, 0x54, 0x53, 0x20};
-    f.map = {0x68, 0x44, 0xA4};
-    std::vector<uint8_t> expected(40);
-    const uint8_t high[40] = {1, 2, 2, 2, 2, 3, 3, 3, 6, 6, 6, 6, 6, 6, 6, 6, 6, 6, 6, 6,
-                              6, 6, 6, 6, 6, 6, 6, 6, 7, 7, 7, 7, 7, 7, 7, 7, 7, 7, 8, 8};
-    for (size_t i = 0; i < 40; ++i)
-        expected[i] = uint8_t(high[i] << 4 | 0x3);
-    expected[0] = 0x18;
-    expected[1] = 0x28;
-    expected[2] = 0x25;
-    expected[3] = 0x25;
-    EXPECT_EQ(Expand(BuildCompressedSegment(f), 40), expected);
-}
-
-TEST(SegmentDecode, BitMaskStraddlesPlanesAndSegminIsAddedBack)
-{
-    SegmentFields f;
-    f.byteMode = COptimalBiasDulo::SHORT_MODE;
-    f.segSize = 6;
-    f.hasSegmin = true;
-    f.segmin = 0x1000;
-    f.hasBias = true;
-    f.bias = 0;
-    f.stream = {0x94};
-    f.map = {0x3F, 0x2D}; // planes 0-1 match; plane 2: M N M; plane 3: M N M
-    EXPECT_EQ(ToCells<uint16_t>(Expand(BuildCompressedSegment(f), 6)),
-              (std::vector<uint16_t>{0x1000, 0x1094, 0x1000}));
-}
-
-TEST(SegmentDecode, AlgVersionTwoOrThreeWithoutSubaddHasNoBiasField)
-{
-    for (int algVersion : {2, 3}) {
-        SegmentFields f;
-        f.segSize = 2;
-        f.algVersion = algVersion;
-        f.stream = {0x70};
-        f.map = {0x3B}; // three matches, then the last slot: literal 7
-        EXPECT_EQ(Expand(BuildCompressedSegment(f), 2), (std::vector<uint8_t>{0x00, 0x07})) << algVersion;
-    }
-}
-
-TEST(SegmentDecode, WideCellTypes)
-{
-    SegmentFields f64;
-    f64.byteMode = COptimalBiasDulo::U64B_MODE;
-    f64.segSize = 32;
-    f64.hasBias = true;
-    f64.bias = 0x0123456789ABCDEF;
-    f64.stream = {0x00};
-    f64.map = {0xBF}; // 63 matches over 16 planes, then the last slot: literal 0
-    std::vector<uint64_t> expected64(4, 0x0123456789ABCDEF);
-    expected64[3] = 0x0123456789ABCDE0;
-    EXPECT_EQ(ToCells<uint64_t>(Expand(BuildCompressedSegment(f64), 32)), expected64);
-
-    SegmentFields f32;
-    f32.byteMode = COptimalBiasDulo::U32B_MODE;
-    f32.segSize = 32;
-    f32.hasSegmin = true;
-    f32.segmin = 0x30000000;
-    f32.hasBias = true;
-    f32.bias = 0xDEADBEEF;
-    f32.map = {0xC0}; // exactly the 64 slots: ends without a non-match
-    EXPECT_EQ(ToCells<uint32_t>(Expand(BuildCompressedSegment(f32), 32)),
-              std::vector<uint32_t>(8, 0x0EADBEEF)); // the addition wraps in 32 bits
-}
-
-TEST(SegmentDecode, SegminWrapsInTheSegmentsOwnWidthAlsoWhenWidened)
-{
-    // 100 bytes, all the bias 0x20, plus segmin 0xF0: 0x10 after the wrap, also as 16-bit cells.
-    SegmentFields f;
-    f.segSize = 100;
-    f.hasSegmin = true;
-    f.segmin = 0xF0;
-    f.hasBias = true;
-    f.bias = 0x20;
-    f.map = {0xE0, 0x68}; // 96 + 104 matches: the 200 slots
-    const std::vector<uint8_t> segment = BuildCompressedSegment(f);
-    EXPECT_EQ(Expand(segment, 100), std::vector<uint8_t>(100, 0x10));
-    EXPECT_EQ(ToCells<uint16_t>(Expand(segment, 200, 2)), std::vector<uint16_t>(100, 0x0010));
 }
 
 TEST(SegmentDecode, StoredSegmentsIgnoreTheCompressionFields)
@@ -296,15 +171,18 @@ TEST(SegmentDecode, AgreesWithSlotBySlotReadingOnRandomSegments)
         SegmentFields f;
         f.byteMode = unsigned(rng() % 4);
         const size_t cellBytes = size_t(1) << f.byteMode;
-        const size_t elems = 1 + rng() % (600 / cellBytes);
+        const size_t elems = rng() % 8 == 0 ? 4096 / cellBytes : 1 + rng() % (600 / cellBytes);
         f.segSize = uint16_t(elems * cellBytes);
+        f.standard = f.segSize == 4096 && rng() % 2;
         const uint64_t width = cellBytes == 8 ? ~uint64_t(0) : (uint64_t(1) << (8 * cellBytes)) - 1;
-        f.hasBias = true;
-        f.bias = rng() & width;
-        if (rng() % 2) // bias nibbles that repeat make escapes frequent
-            f.bias = (0x1111111111111111ull * (rng() % 16)) & width;
+        // A bias field comes with segmin, or alone as version 1; versions 0, 2 and 3 have none.
         f.hasSegmin = rng() % 4 == 0;
         f.segmin = f.hasSegmin ? rng() & width : 0;
+        f.algVersion = int(rng() % 4);
+        f.hasBias = f.hasSegmin || f.algVersion == 1;
+        f.bias = f.hasBias ? rng() & width : 0;
+        if (f.hasBias && rng() % 2) // bias nibbles that repeat make escapes frequent
+            f.bias = (0x1111111111111111ull * (rng() % 16)) & width;
         // Streams of few distinct nibbles, so that literals repeat and escapes occur.
         const unsigned alphabet = 2 + unsigned(rng() % 15);
         f.stream.resize(rng() % 1200);
@@ -319,15 +197,19 @@ TEST(SegmentDecode, AgreesWithSlotBySlotReadingOnRandomSegments)
         }
         const std::vector<uint8_t> segment = BuildCompressedSegment(f);
         // The zero padding after the map is read as map entries too, up to the segment's end.
-        const size_t fieldBytes = 6 + (f.hasSegmin ? cellBytes : 0) + cellBytes;
+        const size_t fieldBytes = (f.standard ? 4 : 6) + (f.hasSegmin + f.hasBias) * cellBytes;
         SegmentFields padded = f;
         padded.map.resize(segment.size() - fieldBytes - f.stream.size(), 0);
         const std::vector<uint64_t> expected = ReadSlotBySlot(padded, elems, cellBytes);
-        const std::vector<uint8_t> out = Expand(segment, f.segSize);
-        std::vector<uint64_t> cells(out.size() / cellBytes);
+        // Byte segments also widen to 16-bit cells.
+        const size_t wordSize = f.byteMode == 0 && rng() % 2 ? 2 : 0;
+        const size_t outBytes = wordSize == 2 ? 2 * elems : elems * cellBytes;
+        const std::vector<uint8_t> out = Expand(segment, outBytes, wordSize);
+        const size_t outCell = outBytes / elems;
+        std::vector<uint64_t> cells(out.size() / outCell);
         for (size_t i = 0; i < cells.size(); ++i)
-            for (size_t b = 0; b < cellBytes; ++b)
-                cells[i] |= uint64_t(out[i * cellBytes + b]) << (8 * b);
+            for (size_t b = 0; b < outCell; ++b)
+                cells[i] |= uint64_t(out[i * outCell + b]) << (8 * b);
         ASSERT_EQ(cells, expected) << "round " << round;
     }
 }
