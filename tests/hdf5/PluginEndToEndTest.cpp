@@ -127,30 +127,6 @@ TEST_F(PluginEndToEnd, DatasetWithoutFilterVersionIsNotCreated)
     }
 }
 
-TEST_F(PluginEndToEnd, DebugLinesOnReadOnlyWhenSwitchedOn)
-{
-    const std::vector<uint8_t> data = MakeShapeBytes(EShape::LOW_COUNTS, 2, 5000);
-    {
-        CHid file = CreateFile(m_path);
-        CHid dataset = CreateFilteredDataset(file, "one_chunk", 2, {5000}, {5000}, {1, 1, 0, 0, 2, 4});
-        ASSERT_GE(WriteAll(dataset, 2, data), 0);
-    }
-    const std::regex onRead("MERTAX reading data at: 0x[0-9a-f]+ compressed bytes: [0-9]+\n"
-                            "MERTAX expanded to 10000 bytes\n");
-    for (const char* value : {"y", "n", "1", ""}) {
-        SCOPED_TRACE(value);
-        setenv("MERTAX_DEBUG", value, 1);
-        CHid file = OpenFile(m_path);
-        CHid dataset = OpenDataset(file, "one_chunk");
-        CCapturedStream out(std::cout);
-        EXPECT_EQ(ReadAll(dataset, 2, data.size()), data);
-        if (value[0] == 'y' || value[0] == '1')
-            EXPECT_TRUE(std::regex_match(out.Text(), onRead)) << out.Text();
-        else
-            EXPECT_EQ(out.Text(), "");
-    }
-}
-
 // The first stored chunk of a dataset, as the filter wrote it.
 std::vector<uint8_t> ReadRawChunk(hid_t dataset, const hsize_t* offset)
 {
