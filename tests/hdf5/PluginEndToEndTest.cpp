@@ -8,7 +8,6 @@
 #include <cstdlib>
 #include <functional>
 #include <numeric>
-#include <regex>
 
 namespace {
 
