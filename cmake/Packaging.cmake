@@ -5,10 +5,10 @@ include(CMakePackageConfigHelpers)
 # HDF5 loads every file in its plugin folder: one copy of the library under the plain name. When
 # installing into /usr it also goes into the MPI build's folder: the plugin links no libhdf5, so
 # the same file serves both.
-set(MERTAX_PLUGIN_DIRS ${MERTAX_PLUGIN_DIR})
-if(CMAKE_INSTALL_PREFIX STREQUAL "/usr" AND MERTAX_PLUGIN_DIR STREQUAL HDF5PC_PLUGIN_DIR)
-  string(REPLACE "/hdf5/serial/" "/hdf5/openmpi/" MERTAX_MPI_PLUGIN_DIR "${MERTAX_PLUGIN_DIR}")
-  if(NOT MERTAX_MPI_PLUGIN_DIR STREQUAL MERTAX_PLUGIN_DIR)
+set(MERTAX_PLUGIN_DIRS ${MERTAX_INSTALL_PLUGIN_DIR})
+if(CMAKE_INSTALL_PREFIX STREQUAL "/usr" AND MERTAX_INSTALL_PLUGIN_DIR STREQUAL HDF5PC_PLUGIN_DIR)
+  string(REPLACE "/hdf5/serial/" "/hdf5/openmpi/" MERTAX_MPI_PLUGIN_DIR "${MERTAX_INSTALL_PLUGIN_DIR}")
+  if(NOT MERTAX_MPI_PLUGIN_DIR STREQUAL MERTAX_INSTALL_PLUGIN_DIR)
     list(APPEND MERTAX_PLUGIN_DIRS ${MERTAX_MPI_PLUGIN_DIR})
   endif()
 endif()

@@ -6,6 +6,8 @@ from numcodecs.registry import register_codec
 
 from . import _mertax
 
+_CELLS = (1, 2, 4, 8)
+
 
 class Mertax(Codec):
     """Compresses chunks with the codec of HDF5 filter 32910.
@@ -22,7 +24,7 @@ class Mertax(Codec):
     def __init__(self, level=4, cell_bytes=None):
         if not 0 <= int(level) <= 9:
             raise ValueError(f"level must be 0 to 9, not {level}")
-        if cell_bytes is not None and int(cell_bytes) not in (1, 2, 4, 8):
+        if cell_bytes is not None and int(cell_bytes) not in _CELLS:
             raise ValueError(f"cell_bytes must be 1, 2, 4 or 8, not {cell_bytes}")
         self.level = int(level)
         self.cell_bytes = None if cell_bytes is None else int(cell_bytes)
@@ -32,9 +34,12 @@ class Mertax(Codec):
 
     def encode(self, buf):
         array = ensure_contiguous_ndarray(buf)
-        cell_bytes = self.cell_bytes or array.dtype.itemsize
-        if cell_bytes not in (1, 2, 4, 8) or array.dtype.hasobject:
-            raise TypeError(f"mertax codes cells of 1, 2, 4 or 8 bytes, not dtype {array.dtype}")
+        if array.dtype.hasobject:
+            raise TypeError("mertax cannot code an array of Python objects")
+        # A chunk of another item size (strings, structured types) is coded as bytes.
+        cell_bytes = self.cell_bytes or (array.dtype.itemsize if array.dtype.itemsize in _CELLS else 1)
+        if array.nbytes % cell_bytes:
+            raise ValueError(f"the chunk's {array.nbytes} bytes are not a whole number of {cell_bytes}-byte cells")
         return _mertax.compress(array.reshape(-1).view(np.uint8), cell_bytes, self.level,
                                 reduce=self.cell_bytes is not None)
 
@@ -43,6 +48,8 @@ class Mertax(Codec):
         cell_bytes = self.cell_bytes or _mertax.stream_cell_hint(data)
         size = _mertax.expanded_size(data, cell_bytes)  # from the headers: nothing allocated yet
         if out is not None:
+            if getattr(out, "dtype", None) is not None and out.dtype.hasobject:
+                raise TypeError("mertax cannot decode into an array of Python objects")
             target = ensure_contiguous_ndarray(out).view(np.uint8)
             if target.nbytes != size:
                 raise ValueError(f"the data expands to {size} bytes, not the {target.nbytes} of out")
