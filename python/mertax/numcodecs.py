@@ -48,8 +48,6 @@ class Mertax(Codec):
         cell_bytes = self.cell_bytes or _mertax.stream_cell_hint(data)
         size = _mertax.expanded_size(data, cell_bytes)  # from the headers: nothing allocated yet
         if out is not None:
-            if getattr(out, "dtype", None) is not None and out.dtype.hasobject:
-                raise TypeError("mertax cannot decode into an array of Python objects")
             target = ensure_contiguous_ndarray(out).view(np.uint8)
             if target.nbytes != size:
                 raise ValueError(f"the data expands to {size} bytes, not the {target.nbytes} of out")
