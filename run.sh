@@ -57,7 +57,7 @@ run_tests() {
     cmake -S . -B build-tsan -DCMAKE_BUILD_TYPE=Debug -DMERTAX_TSAN=ON -DMERTAX_BUILD_BENCH=OFF >/dev/null
     cmake --build build-tsan -j"$JOBS" --target codec_tests threaded_chunk_io_tests mertax
     TSAN_OPTIONS=halt_on_error=1:second_deadlock_stack=1 \
-        ctest --test-dir build-tsan --output-on-failure -j"$JOBS" -R "Concurrency|ThreadedChunkIO"
+        ctest --test-dir build-tsan --output-on-failure -j"$JOBS" -R "Concurrency|ThreadCount|ThreadedChunkIO"
 }
 
 run_bench() {

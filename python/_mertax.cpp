@@ -49,7 +49,7 @@ private:
 
 // reduce: 16-bit cells whose values fit in a byte are coded as bytes, as the HDF5 filter does;
 // without it every segment records the cells' true width.
-py::bytes Compress(const py::buffer& data, size_t cellBytes, int level, bool reduce)
+py::bytes Compress(const py::buffer& data, size_t cellBytes, int level, bool reduce, unsigned threads)
 {
     CheckCellSize(cellBytes);
     if (level < 0 || level > 9)
@@ -65,12 +65,13 @@ py::bytes Compress(const py::buffer& data, size_t cellBytes, int level, bool red
     {
         py::gil_scoped_release release;
         if (reduce || cellBytes != 2) {
-            size = mertax_compress(in.Data(), in.Size(), cellBytes, level, &out[0], out.size());
+            size = mertax_compress_mt(in.Data(), in.Size(), cellBytes, level, &out[0], out.size(), threads);
         } else {
             CQuietCodec quiet;
             COptimalBiasDulo codec;
             codec.SetCompressLevel(size_t(level));
-            size = codec.Compress(in.Data(), in.Size(), cellBytes, reinterpret_cast<uint8_t*>(&out[0]), out.size());
+            size = codec.CompressOnThreads(in.Data(), in.Size(), cellBytes, reinterpret_cast<uint8_t*>(&out[0]),
+                                           out.size(), threads);
         }
     }
     if (size == 0)
@@ -89,7 +90,7 @@ size_t ExpandedSize(const py::buffer& data, size_t cellBytes)
     return size.bytes;
 }
 
-void DecompressInto(const py::buffer& data, size_t cellBytes, const py::buffer& out)
+void DecompressInto(const py::buffer& data, size_t cellBytes, const py::buffer& out, unsigned threads)
 {
     CheckCellSize(cellBytes);
     const CBytes in(data);
@@ -99,7 +100,7 @@ void DecompressInto(const py::buffer& data, size_t cellBytes, const py::buffer& 
     {
         py::gil_scoped_release release;
         whole = ExpandStream(static_cast<const uint8_t*>(in.Data()), in.Size(), cellBytes, dst.Data(), dst.Size(),
-                             error);
+                             error, threads);
     }
     if (!whole)
         throw py::value_error(error);
@@ -121,9 +122,11 @@ size_t StreamCellHint(const py::buffer& data)
 PYBIND11_MODULE(_mertax, m)
 {
     m.doc() = "libmertax codec over Python buffers (use the mertax package)";
-    m.def("compress", &Compress, py::arg("data"), py::arg("cell_bytes"), py::arg("level"), py::arg("reduce") = true);
+    m.def("compress", &Compress, py::arg("data"), py::arg("cell_bytes"), py::arg("level"), py::arg("reduce") = true,
+          py::arg("threads") = 1);
     m.def("expanded_size", &ExpandedSize, py::arg("data"), py::arg("cell_bytes"));
-    m.def("decompress_into", &DecompressInto, py::arg("data"), py::arg("cell_bytes"), py::arg("out"));
+    m.def("decompress_into", &DecompressInto, py::arg("data"), py::arg("cell_bytes"), py::arg("out"),
+          py::arg("threads") = 1);
     m.def("stream_cell_hint", &StreamCellHint, py::arg("data"));
     m.def("version", &mertax_version);
 }

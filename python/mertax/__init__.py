@@ -36,19 +36,29 @@ def _cell_dtype(dtype):
     return dtype
 
 
-def compress(array, level=4):
+def _thread_count(threads):
+    threads = int(threads)
+    if threads < 1:
+        raise ValueError(f"threads must be 1 or more, not {threads}")
+    return threads
+
+
+def compress(array, level=4, threads=1):
     """Compress an array of cells of 1, 2, 4 or 8 bytes (its dtype's width) into the bytes that the
-    HDF5 filter stores for it as one chunk."""
+    HDF5 filter stores for it as one chunk, on up to `threads` threads of the library's pool (the
+    bytes do not depend on the count)."""
+    threads = _thread_count(threads)
     array = _np.asarray(array)
     _cell_dtype(array.dtype)
     cells = _np.ascontiguousarray(array).reshape(-1)
-    return _mertax.compress(cells.view(_np.uint8), cells.dtype.itemsize, int(level))
+    return _mertax.compress(cells.view(_np.uint8), cells.dtype.itemsize, int(level), threads=threads)
 
 
-def decompress(data, dtype, shape=None):
-    """Expand a compressed stream into a new array of `dtype`; its size comes from the stream, or
-    from `shape`, which must match it. A damaged stream, or one of cells of another width, raises
-    ValueError."""
+def decompress(data, dtype, shape=None, threads=1):
+    """Expand a compressed stream into a new array of `dtype` on up to `threads` threads; its size
+    comes from the stream, or from `shape`, which must match it. A damaged stream, or one of cells
+    of another width, raises ValueError."""
+    threads = _thread_count(threads)
     dtype = _cell_dtype(dtype)
     size = _mertax.expanded_size(data, dtype.itemsize)  # from the headers: nothing allocated yet
     count = size // dtype.itemsize
@@ -57,7 +67,7 @@ def decompress(data, dtype, shape=None):
         if int(_np.prod(shape, dtype=_np.int64)) != count:
             raise ValueError(f"the data expands to {count} cells, not shape {shape}")
     out = _np.empty(count, dtype=dtype)
-    _mertax.decompress_into(data, dtype.itemsize, out.view(_np.uint8))
+    _mertax.decompress_into(data, dtype.itemsize, out.view(_np.uint8), threads=threads)
     return out.reshape(shape) if shape is not None else out
 
 

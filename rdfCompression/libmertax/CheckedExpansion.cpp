@@ -35,7 +35,7 @@ CStreamSize CheckStream(const uint8_t* pCmp, size_t cmpSize, size_t cellBytes)
 }
 
 bool ExpandStream(const uint8_t* pCmp, size_t cmpSize, size_t cellBytes, void* pOut, size_t expected,
-                  std::string& error)
+                  std::string& error, unsigned threads)
 {
     const CStreamSize size = CheckStream(pCmp, cmpSize, cellBytes);
     if (!size.ok) {
@@ -51,7 +51,7 @@ bool ExpandStream(const uint8_t* pCmp, size_t cmpSize, size_t cellBytes, void* p
     CQuietCodec quiet;
     COptimalBiasDulo codec;
     codec.SetInflateWordSize(cellBytes);
-    const size_t produced = codec.Decompress(pCmp, cmpSize, pOut, expected);
+    const size_t produced = codec.DecompressOnThreads(pCmp, cmpSize, pOut, expected, threads);
     if (produced == expected)
         return true;
     const CExpansionFailure& f = LastExpansionFailure();

@@ -23,7 +23,7 @@ struct CStreamSize
 };
 CStreamSize CheckStream(const uint8_t* pCmp, size_t cmpSize, size_t cellBytes);
 
-// Expands the stream into exactly `expected` bytes at pOut; false with the reason in `error`
-// otherwise (pOut may then hold part of the data).
+// Expands the stream into exactly `expected` bytes at pOut, on up to `threads` threads; false with
+// the reason in `error` otherwise (pOut may then hold part of the data).
 bool ExpandStream(const uint8_t* pCmp, size_t cmpSize, size_t cellBytes, void* pOut, size_t expected,
-                  std::string& error);
+                  std::string& error, unsigned threads = 1);

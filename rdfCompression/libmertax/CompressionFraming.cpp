@@ -2,12 +2,15 @@
 #include "OptimalBiasDulo.h"
 
 #include "BitOps.h"
+#include "ParallelSegments.h"
 #include "ByteAccess.h"
 #include "Report.h"
 
 #include <algorithm>
 #include <cstdint>
 #include <iostream>
+#include <memory>
+#include <vector>
 
 size_t COptimalBiasDulo::GetWorstCaseCmpBufSize(const size_t& cellSize, const size_t& uncSize)
 {
@@ -44,15 +47,46 @@ size_t COptimalBiasDulo::CompressSegment(void* pUncData, const uint16_t& segSize
     }
 }
 
+size_t COptimalBiasDulo::NextSegmentBytes(const uint8_t* pUnc, size_t bytesToDo, const size_t& cellSize) const
+{
+    if (cellSize == 2 && m_reduceWordSize) {
+        // Up to 8192 bytes of 16-bit cells that all fit in a byte make one segment.
+        const size_t bytesToTest = std::min<size_t>(bytesToDo, 2 * STD_SEGSIZE);
+        // The OR of the cells, four at a time and then singly.
+        uint64_t result = OrOfWords(pUnc, bytesToTest / 8, 0);
+        size_t i = bytesToTest / 8 * 8;
+        for (; i < bytesToTest; i += 2)
+            result |= LoadLE<uint16_t>(pUnc + i);
+        if ((result & 0xFF00FF00FF00FF00ull) == 0)
+            return bytesToTest;
+    }
+    return std::min<size_t>(bytesToDo, STD_SEGSIZE);
+}
+
 size_t COptimalBiasDulo::Compress(void* pUncData, const size_t& uncSize, const size_t& cellSize, uint8_t* cmpBuff,
                                   const size_t& bufSize)
 {
+    return CompressOnThreads(pUncData, uncSize, cellSize, cmpBuff, bufSize, 1);
+}
+
+size_t COptimalBiasDulo::CompressOnThreads(void* pUncData, const size_t& uncSize, const size_t& cellSize,
+                                           uint8_t* cmpBuff, const size_t& bufSize, unsigned threads)
+{
+    uint8_t* pUnc = static_cast<uint8_t*>(pUncData);
+    // On several threads every segment is coded first into scratch space; the walk below then
+    // makes the same checks, takes the same sizes and leaves the codec in the same state as when
+    // it codes each segment in turn.
+    std::unique_ptr<CParallelSegments> pCoded;
+    if (threads > 1 && uncSize >= MIN_PARALLEL_BYTES && m_debugCompression == 0 && uncSize % cellSize == 0)
+        pCoded.reset(new CParallelSegments(*this, pUnc, uncSize, cellSize, threads));
     size_t bytesToDo = uncSize;
-    size_t bytesToComp = std::min<size_t>(uncSize, STD_SEGSIZE);
-    size_t wcbsize = GetWorstCaseCmpBufSize(cellSize, bytesToComp);
+    size_t wcbsize = GetWorstCaseCmpBufSize(cellSize, std::min<size_t>(uncSize, STD_SEGSIZE));
     size_t didBytes = 0;
     size_t totalCompressedSize = 0;
+    size_t segment = 0;
     auto fail = [&]() -> size_t {
+        if (pCoded)
+            pCoded->SettleCodec(segment);
         ReportFailure(std::cerr, "Error: Halting DULO after compressing ", didBytes, " bytes, remaining: ", bytesToDo,
                       " bytes, wip compressed bytes: ", totalCompressedSize, " user buf size: ", bufSize,
                       " wcbsize: ", wcbsize);
@@ -67,39 +101,38 @@ size_t COptimalBiasDulo::Compress(void* pUncData, const size_t& uncSize, const s
     if (wcbsize > bufSize)
         return fail();
 
-    uint8_t* pUnc = static_cast<uint8_t*>(pUncData);
-    uint8_t* pCmpBuff = cmpBuff;
+    std::vector<size_t> outOffsets;
     for (;;) {
-        if (cellSize == 2 && m_reduceWordSize) {
-            // Up to 8192 bytes of 16-bit cells that all fit in a byte make one segment.
-            const size_t bytesToTest = std::min<size_t>(bytesToDo, 2 * STD_SEGSIZE);
-            // The OR of the cells, four at a time and then singly.
-            uint64_t result = OrOfWords(pUnc, bytesToTest / 8, 0);
-            size_t i = bytesToTest / 8 * 8;
-            for (; i < bytesToTest; i += 2)
-                result |= LoadLE<uint16_t>(pUnc + i);
-            const bool bytesOnly = (result & 0xFF00FF00FF00FF00ull) == 0;
-            bytesToComp = bytesOnly ? bytesToTest : std::min<size_t>(bytesToDo, STD_SEGSIZE);
-        }
+        const size_t segmentBytes = pCoded ? pCoded->SegmentBytes(segment) : NextSegmentBytes(pUnc, bytesToDo, cellSize);
         // The checks below use the worst case of a 4096-byte segment; an enlarged one needs more.
-        if (GetWorstCaseCmpBufSize(cellSize, bytesToComp) > bufSize - totalCompressedSize)
+        if (GetWorstCaseCmpBufSize(cellSize, segmentBytes) > bufSize - totalCompressedSize)
             return fail();
-        const size_t compSize = CompressSegment(pUnc, uint16_t(bytesToComp), cellSize, pCmpBuff);
+        size_t compSize;
+        if (pCoded) {
+            compSize = pCoded->CompressedSize(segment);
+            outOffsets.push_back(totalCompressedSize);
+        } else {
+            compSize = CompressSegment(pUnc, uint16_t(segmentBytes), cellSize, cmpBuff + totalCompressedSize);
+        }
+        ++segment;
         if (compSize == 0)
             return fail();
-        const size_t segmentBytes = bytesToComp;
         totalCompressedSize += compSize;
         didBytes += segmentBytes;
         bytesToDo -= segmentBytes;
-        if (bytesToDo >= 1 && bytesToDo <= STD_SEGSIZE) {
-            bytesToComp = bytesToDo;
+        if (bytesToDo >= 1 && bytesToDo <= STD_SEGSIZE)
             wcbsize = GetWorstCaseCmpBufSize(cellSize, bytesToDo);
-        }
         if (bytesToDo == 0)
-            return bufSize >= totalCompressedSize ? totalCompressedSize : fail();
+            break;
         if (wcbsize + totalCompressedSize > bufSize)
             return fail();
-        pCmpBuff += compSize;
         pUnc += segmentBytes;
     }
+    if (bufSize < totalCompressedSize)
+        return fail();
+    if (pCoded) {
+        pCoded->SettleCodec(segment);
+        pCoded->CopyOut(outOffsets, cmpBuff);
+    }
+    return totalCompressedSize;
 }

@@ -3,10 +3,12 @@
 #include "OptimalBiasDulo.h"
 
 #include "ExpansionFailure.h"
+#include "ParallelSegments.h"
 #include "Report.h"
 #include "SegmentFormat.h"
 
 #include <iostream>
+#include <vector>
 
 size_t COptimalBiasDulo::ExpandedSegmentSize(const uint8_t* pSeg) const
 {
@@ -35,25 +37,52 @@ constexpr const char* NO_ROOM = "would expand past the end of the output";
 size_t COptimalBiasDulo::Decompress(const uint8_t* pCmpData, const size_t cmpDataSize, void* pDecmpBuff,
                                     const size_t decmpBuffSize)
 {
+    return DecompressOnThreads(pCmpData, cmpDataSize, pDecmpBuff, decmpBuffSize, 1);
+}
+
+size_t COptimalBiasDulo::DecompressOnThreads(const uint8_t* pCmpData, const size_t cmpDataSize, void* pDecmpBuff,
+                                             const size_t decmpBuffSize, unsigned threads)
+{
     ClearExpansionFailure();
+    // On several threads the walk only places the segments, which are then decoded together;
+    // the first that fails is reported as when each is decoded in turn.
+    const bool parallel = threads > 1 && decmpBuffSize >= MIN_PARALLEL_BYTES && m_debugCompression == 0;
+    std::vector<size_t> cmpOffsets, cmpLengths, outOffsets;
     uint8_t* const pOut = static_cast<uint8_t*>(pDecmpBuff);
     size_t cmpPos = 0;
     size_t outPos = 0;
-    for (size_t segment = 0; cmpPos < cmpDataSize && outPos < decmpBuffSize; ++segment) {
+    size_t segment = 0;
+    const char* walkFailure = nullptr;
+    for (; cmpPos < cmpDataSize && outPos < decmpBuffSize; ++segment) {
         const uint8_t* pSeg = pCmpData + cmpPos;
         const size_t compSegSize = CheckedSegmentLength(pSeg, cmpDataSize - cmpPos);
         if (compSegSize == 0 || ExpandedSegmentSize(pSeg) > decmpBuffSize - outPos) {
-            ReportCorruptData(segment, cmpPos, outPos, compSegSize == 0 ? BAD_SEGMENT_LENGTH : NO_ROOM);
+            walkFailure = compSegSize == 0 ? BAD_SEGMENT_LENGTH : NO_ROOM;
             break;
         }
-        const size_t bytesOut = DecompressSegment(pSeg, compSegSize, pOut + outPos);
-        if (bytesOut == 0) {
+        size_t bytesOut;
+        if (parallel) {
+            cmpOffsets.push_back(cmpPos);
+            cmpLengths.push_back(compSegSize);
+            outOffsets.push_back(outPos);
+            bytesOut = ExpandedSegmentSize(pSeg);
+        } else if ((bytesOut = DecompressSegment(pSeg, compSegSize, pOut + outPos)) == 0) {
             ReportSegmentFailure(segment, cmpPos, outPos);
-            break;
+            return outPos;
         }
         outPos += bytesOut;
         cmpPos += compSegSize;
     }
+    if (parallel) {
+        const size_t failed = CParallelSegments::Decode(*this, pCmpData, cmpOffsets, cmpLengths, pOut, outOffsets,
+                                                        threads);
+        if (failed < cmpOffsets.size()) {
+            ReportSegmentFailure(failed, cmpOffsets[failed], outOffsets[failed]);
+            return outOffsets[failed];
+        }
+    }
+    if (walkFailure != nullptr)
+        ReportCorruptData(segment, cmpPos, outPos, walkFailure);
     return outPos;
 }
 

@@ -8,6 +8,7 @@
 #include "MERTAX_FilterData.h"
 #include "OptimalBiasDulo.h"
 #include "PluginReport.h"
+#include "PluginThreads.h"
 
 #include <cstdint>
 #include <cstdlib>
@@ -43,7 +44,7 @@ size_t ExpandChunk(const MERTAX_FilterData& filterData, size_t numOfbytes, size_
     // shorter buffer would be read past by HDF5, which copies a whole chunk out of it.
     std::string error;
     const bool whole = ExpandStream(static_cast<const uint8_t*>(*buf), numOfbytes, filterData.GetCellBytes(),
-                                    outBuffer, nbytes, error);
+                                    outBuffer, nbytes, error, PluginThreadCount());
     const uint32_t dataWritten = whole ? nbytes : 0;
     if (IsDuloDebugEnabled()) {
         CFormatGuard guard(std::cout);
@@ -92,7 +93,8 @@ size_t CompressChunk(const MERTAX_FilterData& filterData, size_t numOfbytes, siz
     }
     codec.SetCompressLevel(filterData.GetCompressLevel());
 
-    const uint32_t dataWritten = uint32_t(codec.Compress(*buf, bytesToDo, cellBytes, outBuffer, outDataSize));
+    const uint32_t dataWritten = uint32_t(codec.CompressOnThreads(*buf, bytesToDo, cellBytes, outBuffer, outDataSize,
+                                                                   PluginThreadCount()));
     if (dataWritten == 0) {
         ReportFailure(std::cerr, "Error: MERTAX compress unsuccessful ");
         PushHdf5Error(FILTER, EHdf5Error::FILTER, CompressFailureReason(cellBytes, bytesToDo));

@@ -45,6 +45,12 @@ size_t mertax_compress_bound(size_t cell_bytes, size_t src_size)
 size_t mertax_compress(const void* src, size_t src_size, size_t cell_bytes, int level, void* dst,
                        size_t dst_capacity)
 {
+    return mertax_compress_mt(src, src_size, cell_bytes, level, dst, dst_capacity, 1);
+}
+
+size_t mertax_compress_mt(const void* src, size_t src_size, size_t cell_bytes, int level, void* dst,
+                          size_t dst_capacity, unsigned threads)
+{
     t_lastError.clear();
     if (src == nullptr || dst == nullptr)
         return Fail("a buffer is NULL");
@@ -67,13 +73,13 @@ size_t mertax_compress(const void* src, size_t src_size, size_t cell_bytes, int 
     // destination gets the result by way of a buffer of its own.
     void* pUnc = const_cast<void*>(src);
     if (dst_capacity >= bound) {
-        const size_t size = codec.Compress(pUnc, src_size, cell_bytes, static_cast<uint8_t*>(dst), bound);
+        const size_t size = codec.CompressOnThreads(pUnc, src_size, cell_bytes, static_cast<uint8_t*>(dst), bound, threads);
         return size != 0 ? size : Fail("the codec could not compress the data");
     }
     uint8_t* pWork = static_cast<uint8_t*>(std::malloc(bound));
     if (pWork == nullptr)
         return Fail("cannot allocate " + std::to_string(bound) + " bytes");
-    const size_t size = codec.Compress(pUnc, src_size, cell_bytes, pWork, bound);
+    const size_t size = codec.CompressOnThreads(pUnc, src_size, cell_bytes, pWork, bound, threads);
     if (size != 0 && size <= dst_capacity)
         std::memcpy(dst, pWork, size);
     std::free(pWork);
@@ -97,13 +103,19 @@ size_t mertax_decompressed_size(const void* src, size_t src_size, size_t cell_by
 
 size_t mertax_decompress(const void* src, size_t src_size, size_t cell_bytes, void* dst, size_t dst_size)
 {
+    return mertax_decompress_mt(src, src_size, cell_bytes, dst, dst_size, 1);
+}
+
+size_t mertax_decompress_mt(const void* src, size_t src_size, size_t cell_bytes, void* dst, size_t dst_size,
+                            unsigned threads)
+{
     t_lastError.clear();
     if (src == nullptr || dst == nullptr)
         return Fail("a buffer is NULL");
     if (dst_size == 0)
         return Fail("the destination is empty");
     std::string error;
-    if (!ExpandStream(static_cast<const uint8_t*>(src), src_size, cell_bytes, dst, dst_size, error))
+    if (!ExpandStream(static_cast<const uint8_t*>(src), src_size, cell_bytes, dst, dst_size, error, threads))
         return Fail(error);
     return dst_size;
 }

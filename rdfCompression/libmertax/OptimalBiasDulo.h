@@ -56,6 +56,8 @@ public:
     static constexpr bool COMPRESSED_MC = true;
     static constexpr size_t WORST_CASE_COMP_MAP_SIZE = 7281;
     static constexpr size_t TRUE_BIAS_MIN_ELEMS = 4;
+    // Inputs smaller than this are coded on the calling thread whatever the thread count.
+    static constexpr size_t MIN_PARALLEL_BYTES = 64 * 1024;
 
     COptimalBiasDulo();
 
@@ -77,12 +79,22 @@ public:
     // and segment count of the compression level carry over from one call to the next.
     size_t Compress(void* pUncData, const size_t& uncSize, const size_t& cellSize, uint8_t* cmpBuff,
                     const size_t& bufSize);
+    // Compress with the segments coded on up to `threads` threads of the library's worker pool.
+    // The bytes, and the hint carried to the next call, are those of one thread. Inputs under
+    // MIN_PARALLEL_BYTES, and any coded with diagnostics on, stay on the calling thread.
+    size_t CompressOnThreads(void* pUncData, const size_t& uncSize, const size_t& cellSize, uint8_t* cmpBuff,
+                             const size_t& bufSize, unsigned threads);
 
     // Expands every segment of the cmpDataSize bytes at pCmpData into pDecmpBuff; returns the bytes
     // written. A damaged segment, or one that would not fit in decmpBuffSize, stops the expansion
     // with a message on standard output and a short count.
     size_t Decompress(const uint8_t* pCmpData, const size_t cmpDataSize, void* pDecmpBuff,
                       const size_t decmpBuffSize);
+    // The same, the segments decoded on up to `threads` threads of the pool (the calling thread's
+    // alone under the same conditions as CompressOnThreads). What lies in pDecmpBuff past the
+    // count returned is undefined.
+    size_t DecompressOnThreads(const uint8_t* pCmpData, const size_t cmpDataSize, void* pDecmpBuff,
+                               const size_t decmpBuffSize, unsigned threads);
     // Expands whole segments while they fit in desiredSize bytes; *cmpConsumed receives the
     // compressed bytes used, so a caller can continue from there.
     size_t Decompress(const uint8_t* pCmpData, const size_t cmpDataSize, void* pDecmpBuff,
@@ -108,6 +120,8 @@ private:
     // copy of what lies there.
     void HexDump(const std::string& info, const uint8_t* pData, size_t size, const void* pShownAddress = nullptr);
 
+    // Bytes of the next segment of the input at pUnc, of which bytesToDo remain.
+    size_t NextSegmentBytes(const uint8_t* pUnc, size_t bytesToDo, const size_t& cellSize) const;
     // Codes one segment with the level's choice of segmin and bias; 0 on failure.
     size_t CompressSegment(void* pUncData, const uint16_t& segSize, const size_t& cellSize, uint8_t* pCmpBuff);
     template <typename T>
@@ -137,6 +151,7 @@ private:
     unsigned CountSkippedPlanes(const uint8_t* pUncData, uint16_t segSize, T bias) const;
 
     friend class COptimalBiasDuloTestPeer;
+    friend class CParallelSegments;
 
     bool m_reduceWordSize;
     size_t m_inflateWordSize;

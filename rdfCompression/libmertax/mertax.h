@@ -33,6 +33,12 @@ MERTAX_C_API size_t mertax_compress_bound(size_t cell_bytes, size_t src_size);
 MERTAX_C_API size_t mertax_compress(const void* src, size_t src_size, size_t cell_bytes, int level, void* dst,
                                     size_t dst_capacity);
 
+/* mertax_compress with the segments coded on up to `threads` threads of the library's own pool
+ * (0 and 1: the calling thread only; inputs under 64 KiB always stay on it). The bytes are those of
+ * one thread, whatever the count. */
+MERTAX_C_API size_t mertax_compress_mt(const void* src, size_t src_size, size_t cell_bytes, int level, void* dst,
+                                       size_t dst_capacity, unsigned threads);
+
 /* Bytes that the stream expands to in cells of cell_bytes (byte segments widened to 16-bit cells
  * when cell_bytes is 2), read from its segment headers; 0 for a damaged stream, one whose
  * segments hold cells of another width, an empty one, or a cell size other than 1, 2, 4 or 8.
@@ -45,6 +51,10 @@ MERTAX_C_API size_t mertax_decompressed_size(const void* src, size_t src_size, s
  * otherwise 0. Never writes past dst_size. */
 MERTAX_C_API size_t mertax_decompress(const void* src, size_t src_size, size_t cell_bytes, void* dst,
                                       size_t dst_size);
+
+/* mertax_decompress on up to `threads` threads of the library's pool, as mertax_compress_mt. */
+MERTAX_C_API size_t mertax_decompress_mt(const void* src, size_t src_size, size_t cell_bytes, void* dst,
+                                         size_t dst_size, unsigned threads);
 
 /* Why the last call on this thread that returned 0 failed, in one line ("" after a success). The
  * text stays valid until the thread's next call into the library. */

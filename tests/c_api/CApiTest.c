@@ -67,9 +67,13 @@ static void CheckRoundTrip(size_t cellBytes, int level, size_t bytes)
     uint8_t* exact = malloc(cmpSize);
     CHECK(mertax_compress(cells, bytes, cellBytes, level, exact, cmpSize) == cmpSize, "exact capacity");
     CHECK(memcmp(exact, cmp, cmpSize) == 0, "exact capacity bytes");
+    /* On threads of the pool: the same bytes, into a buffer of the bound or of exactly the size. */
+    CHECK(mertax_compress_mt(cells, bytes, cellBytes, level, exact, cmpSize, 3) == cmpSize, "threads, exact");
+    CHECK(memcmp(exact, cmp, cmpSize) == 0, "threads, bytes of cell %zu level %d", cellBytes, level);
     free(exact);
     uint8_t* small = malloc(cmpSize - 1);
     CHECK(mertax_compress(cells, bytes, cellBytes, level, small, cmpSize - 1) == 0, "capacity one short");
+    CHECK(mertax_compress_mt(cells, bytes, cellBytes, level, small, cmpSize - 1, 2) == 0, "threads, one short");
     free(small);
 
     CHECK(mertax_decompressed_size(cmp, cmpSize, cellBytes) == bytes, "size of cell %zu level %d", cellBytes, level);
@@ -77,6 +81,9 @@ static void CheckRoundTrip(size_t cellBytes, int level, size_t bytes)
     CHECK(mertax_decompress(cmp, cmpSize, cellBytes, out, bytes) == bytes, "expand cell %zu level %d", cellBytes,
           level);
     CHECK(memcmp(out, cells, bytes) == 0, "cells of cell %zu level %d", cellBytes, level);
+    memset(out, 0, bytes);
+    CHECK(mertax_decompress_mt(cmp, cmpSize, cellBytes, out, bytes, 4) == bytes && memcmp(out, cells, bytes) == 0,
+          "expand on threads, cell %zu level %d", cellBytes, level);
 
     /* Damage: cut short, a wrong length field, output one byte short, extra bytes after the stream. */
     CHECK(mertax_decompress(cmp, cmpSize - 4, cellBytes, out, bytes) != bytes, "truncated stream");
@@ -117,6 +124,7 @@ int main(void)
     for (size_t c = 0; c < 4; ++c)
         for (size_t l = 0; l < 3; ++l) {
             CheckRoundTrip(cellSizes[c], levels[l], 3 * 4096 + 8 * 125);
+            CheckRoundTrip(cellSizes[c], levels[l], 30 * 4096 + 8 * 125); /* enough for threads */
             CheckRoundTrip(cellSizes[c], levels[l], 40);
         }
 

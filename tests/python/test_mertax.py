@@ -149,6 +149,32 @@ def test_codec_from_several_threads_at_once():
         np.testing.assert_array_equal(a, b)
 
 
+@pytest.mark.parametrize("level", (3, 9))
+def test_threads_inside_the_codec_and_the_filter_give_the_same_bytes(tmp_path, monkeypatch, level):
+    array = detector_like("u2", (300, 700))
+    blob = mertax.compress(array, level=level)
+    assert mertax.compress(array, level=level, threads=3) == blob
+    np.testing.assert_array_equal(mertax.decompress(blob, "u2", array.shape, threads=4), array)
+    monkeypatch.setenv("MERTAX_NTHREADS", "2")  # read by the plugin for every chunk
+    assert filter_chunk(tmp_path, array, level) == blob
+    with h5py.File(tmp_path / "one_chunk.h5") as f:
+        np.testing.assert_array_equal(f["d"][...], array)
+    with pytest.raises(ValueError, match="threads must be 1 or more, not 0"):
+        mertax.compress(array, threads=0)
+
+
+@pytest.mark.skipif(not hasattr(os, "fork"), reason="no fork on this platform")
+def test_a_forked_child_gets_a_pool_of_its_own():
+    array = detector_like("u4", 200000)
+    blob = mertax.compress(array, threads=2)  # the parent's pool is running
+    pid = os.fork()
+    if pid == 0:
+        ok = mertax.compress(array, threads=2) == blob and (mertax.decompress(blob, "u4", threads=2) == array).all()
+        os._exit(0 if ok else 1)
+    _, status = os.waitpid(pid, 0)
+    assert os.waitstatus_to_exitcode(status) == 0
+
+
 @pytest.mark.parametrize("threads", (1, 2, 5))
 def test_threaded_direct_chunk_io_matches_the_filter_pipeline(tmp_path, threads):
     path = tmp_path / "direct.h5"

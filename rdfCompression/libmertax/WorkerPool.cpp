@@ -1,0 +1,143 @@
+#include "WorkerPool.h"
+
+#include <algorithm>
+#include <atomic>
+#include <condition_variable>
+#include <deque>
+#include <mutex>
+#include <thread>
+#include <vector>
+
+#if defined(__unix__) || defined(__APPLE__)
+#include <pthread.h>
+#define MERTAX_HAS_ATFORK 1
+#endif
+
+namespace {
+
+struct CJob
+{
+    const std::function<void(size_t)>* pTask;
+    size_t count;
+    std::atomic<size_t> next{0};
+    unsigned helpersWanted; // workers that may still join
+    unsigned helpersActive = 0;
+
+    void Work()
+    {
+        for (size_t i = next.fetch_add(1); i < count; i = next.fetch_add(1))
+            (*pTask)(i);
+    }
+};
+
+// Everything a fork must not inherit half-way: the workers and what they wait on. A child drops
+// it (its workers do not exist there) and builds a new one on first use.
+struct CPoolState
+{
+    std::vector<std::thread> workers;
+    std::deque<CJob*> jobs; // jobs that still want helpers
+    std::condition_variable wake;
+    std::condition_variable finished;
+    bool stopping = false;
+};
+
+std::mutex g_mutex; // guards g_pState and all of its fields
+CPoolState* g_pState = nullptr;
+
+void WorkerLoop(CPoolState* pState)
+{
+    std::unique_lock<std::mutex> lock(g_mutex);
+    for (;;) {
+        pState->wake.wait(lock, [&] { return pState->stopping || !pState->jobs.empty(); });
+        if (pState->stopping)
+            return;
+        CJob* pJob = pState->jobs.front();
+        if (--pJob->helpersWanted == 0)
+            pState->jobs.pop_front();
+        ++pJob->helpersActive;
+        lock.unlock();
+        pJob->Work();
+        lock.lock();
+        if (--pJob->helpersActive == 0)
+            pState->finished.notify_all();
+    }
+}
+
+#ifdef MERTAX_HAS_ATFORK
+void LockForFork() { g_mutex.lock(); }
+void UnlockInParent() { g_mutex.unlock(); }
+// The forking thread holds the lock in the child too; the workers stayed in the parent.
+void ForgetInChild()
+{
+    g_pState = nullptr; // deliberately leaked: its threads and waits belong to the parent
+    g_mutex.unlock();
+}
+#endif
+
+// Called with g_mutex held: the state, with at least `helpers` workers.
+CPoolState& PoolWithWorkers(unsigned helpers)
+{
+    if (g_pState == nullptr) {
+#ifdef MERTAX_HAS_ATFORK
+        static const bool registered = pthread_atfork(LockForFork, UnlockInParent, ForgetInChild) == 0;
+        (void)registered;
+#endif
+        g_pState = new CPoolState;
+    }
+    while (g_pState->workers.size() < helpers)
+        g_pState->workers.emplace_back(WorkerLoop, g_pState);
+    return *g_pState;
+}
+
+// Joins the workers when the library is unloaded (or the program ends).
+struct CPoolShutdown
+{
+    ~CPoolShutdown()
+    {
+        CPoolState* pState;
+        {
+            std::lock_guard<std::mutex> lock(g_mutex);
+            pState = g_pState;
+            g_pState = nullptr;
+            if (pState == nullptr)
+                return;
+            pState->stopping = true;
+            pState->wake.notify_all();
+        }
+        for (std::thread& worker : pState->workers)
+            worker.join();
+        delete pState;
+    }
+} g_shutdown;
+
+} // namespace
+
+void RunTasks(unsigned threads, size_t count, const std::function<void(size_t)>& task)
+{
+    if (count == 0)
+        return;
+    const unsigned helpers = unsigned(std::min<size_t>(std::clamp(threads, 1u, MAX_THREADS), count)) - 1;
+    if (helpers == 0) {
+        for (size_t i = 0; i < count; ++i)
+            task(i);
+        return;
+    }
+    CJob job;
+    job.pTask = &task;
+    job.count = count;
+    job.helpersWanted = helpers;
+    CPoolState* pState;
+    {
+        std::lock_guard<std::mutex> lock(g_mutex);
+        pState = &PoolWithWorkers(helpers);
+        pState->jobs.push_back(&job);
+        pState->wake.notify_all();
+    }
+    job.Work();
+    std::unique_lock<std::mutex> lock(g_mutex);
+    // Workers that have not joined yet will find nothing left to do: withdraw the offer.
+    const auto queued = std::find(pState->jobs.begin(), pState->jobs.end(), &job);
+    if (queued != pState->jobs.end())
+        pState->jobs.erase(queued);
+    pState->finished.wait(lock, [&] { return job.helpersActive == 0; });
+}
