@@ -5,8 +5,9 @@
 // bias's nibble in its plane costs a bit or less in a map, the others go into a nibble stream.
 // A compressed buffer is the plain concatenation of self-delimiting segments.
 //
-// The codec owns no memory; every buffer belongs to the caller. One object must be used by one
-// thread at a time.
+// The codec owns no memory; every buffer belongs to the caller (on several threads it takes
+// scratch space for the coded segments while it works). One object must be used by one thread at
+// a time.
 #pragma once
 
 #include <cstddef>
