@@ -10,6 +10,9 @@
 #                            SECONDS (default 60), starting from the saved corpus
 #   ./run.sh mutants FILE... apply simple faults to a scratch copy of the files one at a time and
 #                            list those that no test catches (slow; not part of CI)
+#   ./run.sh test-arm64      install what is missing, cross-build for ARM64 (Debian's arm64 HDF5 and
+#                            GoogleTest unpacked into build-arm64/sysroot) and run the tests under
+#                            qemu-aarch64, files exchanged with this machine's build included
 #   ./run.sh package         build the Debian package (build-package/libmertax_*.deb) and, as root,
 #                            install it, use it and remove it
 set -euo pipefail
@@ -92,6 +95,43 @@ run_demo() {
     ./build/bin/mertax inspect "$PWD/build/demo/mertax_demo.h5"
 }
 
+# Debian's arm64 HDF5, HDF5 tools and GoogleTest with every library they need, unpacked into $1
+# (not installed: they are not co-installable with the host's own).
+arm64_sysroot() {
+    local root=$1 sudo=""
+    [ -f "$root/.complete" ] && return 0
+    [ "$(id -u)" -ne 0 ] && sudo=sudo
+    if ! dpkg --print-foreign-architectures | grep -qx arm64; then
+        $sudo dpkg --add-architecture arm64
+        $sudo apt-get update -qq
+    fi
+    local debs="$root.debs" wanted
+    rm -rf "$root" "$debs"
+    mkdir -p "$root" "$debs"
+    wanted=$(apt-cache depends --recurse --no-recommends --no-suggests --no-conflicts --no-breaks --no-replaces \
+        --no-enhances --no-pre-depends libhdf5-dev:arm64 hdf5-tools:arm64 libgtest-dev:arm64 |
+        grep -E '^[a-z0-9].*:arm64$' | grep -v -E 'nss-dev|openssl-dev|gnutls-dev|libcurl3-nss|nss-plugin' | sort -u)
+    (cd "$debs" && apt-get download $wanted >/dev/null)
+    for deb in "$debs"/*.deb; do dpkg -x "$deb" "$root"; done
+    rm -rf "$debs"
+    touch "$root/.complete"
+}
+
+run_test_arm64() {
+    PACKAGES+=(g++-aarch64-linux-gnu qemu-user-static)
+    ensure_packages
+    echo "== Host build (its plugin exchanges files with the ARM64 one)"
+    configure_and_build build -DCMAKE_BUILD_TYPE=Release
+    echo "== ARM64 packages"
+    arm64_sysroot "$PWD/build-arm64/sysroot"
+    echo "== ARM64 cross build"
+    MERTAX_ARM64_SYSROOT="$PWD/build-arm64/sysroot" configure_and_build build-arm64/build \
+        -DCMAKE_TOOLCHAIN_FILE=cmake/aarch64-linux-gnu.cmake -DCMAKE_BUILD_TYPE=Release \
+        -DMERTAX_BUILD_BENCH=OFF -DMERTAX_BUILD_PYTHON=OFF -DMERTAX_HOST_PLUGIN_DIR="$PWD/build/plugin"
+    echo "== ARM64 tests under qemu-aarch64"
+    ctest --test-dir build-arm64/build --output-on-failure -j"$JOBS"
+}
+
 run_package() {
     PACKAGES+=(dpkg-dev file)
     ensure_packages
@@ -137,6 +177,7 @@ bench)
     shift
     run_bench "$@"
     ;;
+test-arm64) run_test_arm64 ;;
 package) run_package ;;
 mutants)
     shift
@@ -144,7 +185,7 @@ mutants)
     /usr/bin/python3 tools/mutants.py "$@"
     ;;
 *)
-    echo "usage: $0 test | demo | bench [--quick] | fuzz [SECONDS] | package | mutants FILE..." >&2
+    echo "usage: $0 test | test-arm64 | demo | bench [--quick] | fuzz [SECONDS] | package | mutants FILE..." >&2
     exit 2
     ;;
 esac

@@ -135,6 +135,9 @@ TEST(KernelDispatch, EachSetRunsItsOwnKernels)
         {EKernelSet::SSSE3, "ssse3", SpreadSlotsSsse3, ClassifySlotsSsse3},
         {EKernelSet::AVX512, "avx512", SpreadSlotsAvx512, ClassifySlotsAvx512},
 #endif
+#ifdef MERTAX_HAVE_NEON_KERNELS
+        {EKernelSet::NEON, "neon", SpreadSlotsNeon, ClassifySlotsNeon},
+#endif
     };
     for (const Expected& e : expected) {
         SCOPED_TRACE(e.name);
@@ -151,6 +154,21 @@ TEST(KernelDispatch, EachSetRunsItsOwnKernels)
     }
 }
 
+// A set of another architecture is never taken, and asking for it changes nothing.
+TEST(KernelDispatch, ASetOfAnotherArchitectureIsRefused)
+{
+#ifdef MERTAX_HAVE_NEON_KERNELS
+    const EKernelSet foreign[] = {EKernelSet::SSSE3, EKernelSet::AVX512};
+#else
+    const EKernelSet foreign[] = {EKernelSet::NEON};
+#endif
+    const CKernels* before = &ActiveKernels();
+    for (EKernelSet set : foreign) {
+        EXPECT_FALSE(UseKernelSet(set));
+        EXPECT_EQ(&ActiveKernels(), before);
+    }
+}
+
 // Runs in a process of its own (each test does): the first use picks the default.
 TEST(KernelDispatch, TheDefaultIsTheWidestSetTheProcessorRuns)
 {
@@ -162,6 +180,9 @@ TEST(KernelDispatch, TheDefaultIsTheWidestSetTheProcessorRuns)
     if (__builtin_cpu_supports("avx512f") && __builtin_cpu_supports("avx512bw") &&
         __builtin_cpu_supports("avx512vbmi2"))
         widest = EKernelSet::AVX512;
+#endif
+#ifdef MERTAX_HAVE_NEON_KERNELS
+    widest = EKernelSet::NEON;
 #endif
     EXPECT_EQ(SupportedKernelSets().back(), widest);
     EXPECT_EQ(SupportedKernelSets().front(), EKernelSet::PORTABLE);

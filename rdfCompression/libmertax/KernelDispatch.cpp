@@ -9,6 +9,9 @@ constexpr CKernels PORTABLE_KERNELS = {"portable", SpreadSlotsPortable, Classify
 constexpr CKernels SSSE3_KERNELS = {"ssse3", SpreadSlotsSsse3, ClassifySlotsSsse3};
 constexpr CKernels AVX512_KERNELS = {"avx512", SpreadSlotsAvx512, ClassifySlotsAvx512};
 #endif
+#ifdef MERTAX_HAVE_NEON_KERNELS
+constexpr CKernels NEON_KERNELS = {"neon", SpreadSlotsNeon, ClassifySlotsNeon};
+#endif
 
 std::vector<EKernelSet> DetectKernelSets()
 {
@@ -20,6 +23,9 @@ std::vector<EKernelSet> DetectKernelSets()
     if (__builtin_cpu_supports("avx512f") && __builtin_cpu_supports("avx512bw") &&
         __builtin_cpu_supports("avx512vbmi2") && __builtin_cpu_supports("popcnt"))
         sets.push_back(EKernelSet::AVX512);
+#endif
+#ifdef MERTAX_HAVE_NEON_KERNELS
+    sets.push_back(EKernelSet::NEON);
 #endif
     return sets;
 }
@@ -42,6 +48,10 @@ const CKernels& KernelsOf(EKernelSet set)
         return SSSE3_KERNELS;
     case EKernelSet::AVX512:
         return AVX512_KERNELS;
+#endif
+#ifdef MERTAX_HAVE_NEON_KERNELS
+    case EKernelSet::NEON:
+        return NEON_KERNELS;
 #endif
     default:
         return PORTABLE_KERNELS;

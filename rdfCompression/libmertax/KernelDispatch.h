@@ -1,5 +1,5 @@
 // The one place where the codec's vector kernels are chosen. The library is built for the
-// baseline x86-64 target; kernels for wider instruction sets carry per-function target attributes
+// baseline x86-64 (or AArch64) target; kernels for wider instruction sets carry per-function target attributes
 // in their own files, each with a portable twin that gives the same bytes. The processor is asked
 // once (thread-safely) which sets it runs, and the widest is used unless a test or benchmark
 // picks another with UseKernelSet. SSE2 is part of the baseline and needs no choice.
@@ -15,6 +15,7 @@ enum class EKernelSet : uint8_t
     PORTABLE,
     SSSE3,  // SSSE3 shuffles with POPCNT
     AVX512, // AVX-512 F, BW and VBMI2: byte expand and compress
+    NEON,   // AArch64's vector set, present on every such processor
 };
 
 struct CKernels

@@ -1,7 +1,8 @@
 // The moves between the slots of a 64-slot block and a packed row of nibbles, one per byte: the
 // decoder spreads a plane's non-match nibbles over their slots; the encoder classifies a block's
 // nibbles against the bias nibble and gathers the non-matches. The SSSE3 forms shuffle sixteen
-// slots at a time, the AVX-512 ones (BW and VBMI2) expand and compress all 64 in one instruction;
+// slots at a time (the NEON ones likewise), the AVX-512 ones (BW and VBMI2) expand and compress all
+// 64 in one instruction;
 // the portable forms visit the set bits one by one. All give the same bytes; KernelDispatch
 // chooses among them.
 #pragma once
@@ -28,4 +29,9 @@ size_t SpreadSlotsSsse3(uint64_t bits, const uint8_t* pValues, uint8_t fill, uin
 size_t ClassifySlotsSsse3(const uint8_t* pBytes, bool high, uint8_t nibble, uint8_t* pOut, uint64_t* pMatches);
 size_t SpreadSlotsAvx512(uint64_t bits, const uint8_t* pValues, uint8_t fill, uint8_t* pOut);
 size_t ClassifySlotsAvx512(const uint8_t* pBytes, bool high, uint8_t nibble, uint8_t* pOut, uint64_t* pMatches);
+#endif
+#if defined(__aarch64__)
+#define MERTAX_HAVE_NEON_KERNELS 1
+size_t SpreadSlotsNeon(uint64_t bits, const uint8_t* pValues, uint8_t fill, uint8_t* pOut);
+size_t ClassifySlotsNeon(const uint8_t* pBytes, bool high, uint8_t nibble, uint8_t* pOut, uint64_t* pMatches);
 #endif
