@@ -22,6 +22,7 @@ PACKAGES=(cmake make g++ pkg-config libgtest-dev libbenchmark-dev libboost-dev l
     openmpi-bin libhdf5-openmpi-dev python3-h5py-mpi python3-mpi4py
     python3-dev pybind11-dev python3-numcodecs python3-zarr python3-pytest python3-hypothesis libcli11-dev
     python3-venv python3-pip python3-setuptools python3-entrypoints python3-dask python3-distributed
+    python3-xarray python3-h5netcdf python3-netcdf4 python3-tables netcdf-bin
     liblz4-dev libzstd-dev zlib1g-dev libblosc-dev)
 # The HDF5 plugins that the benchmark compares with.
 BENCH_PACKAGES=(hdf5-filter-plugin hdf5-filter-plugin-blosc-serial bitshuffle)
