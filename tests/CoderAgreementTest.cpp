@@ -135,6 +135,22 @@ TEST(FastPath, NibbleCoderAgreesWithNibbleByNibble)
     }
 }
 
+// A plane that opens with the previous plane's last literal first lengthens that run; the runs
+// after such a lead are found from where it ends, on either side of a 64-slot word.
+TEST(FastPath, NibbleCoderRunsAfterAPlaneOpeningWithTheOpenRun)
+{
+    for (size_t lead : {1, 2, 3, 60, 61, 62, 63, 64, 65, 125, 126, 254, 255, 256})
+        for (size_t gap : {0, 1, 2, 3, 70}) {
+            std::vector<uint8_t> second(lead, 7);
+            for (size_t k = 0; k < gap; ++k)
+                second.push_back(uint8_t(4 + k % 2));
+            second.insert(second.end(), 5, 9);
+            second.insert(second.end(), {2, 3, 4});
+            ExpectNibbleCodersAgree({{1, 2, 3, 7}, second}, {0, 0},
+                                    "lead " + std::to_string(lead) + " gap " + std::to_string(gap));
+        }
+}
+
 TEST(FastPath, StreamReaderWindowAgreesWithNibbleByNibble)
 {
     std::mt19937_64 rng(23);
