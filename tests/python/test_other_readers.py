@@ -89,8 +89,8 @@ def test_nccopy_adds_the_filter(tmp_path, xarray_file):
     plain, packed = tmp_path / "plain.nc", tmp_path / "packed.nc"
     subprocess.run(["nccopy", "-F", "none", str(xarray_file), str(plain)], env=with_plugin(), check=True)
     assert filter_of(plain, "counts") != 32910
-    spec = "counts," + ",".join(str(w) for w in (32910,) + FILTER_OPTS)
-    subprocess.run(["nccopy", "-F", spec, str(plain), str(packed)], env=with_plugin(), check=True)
+    filter_arg = "counts," + ",".join(str(w) for w in (32910,) + FILTER_OPTS)
+    subprocess.run(["nccopy", "-F", filter_arg, str(plain), str(packed)], env=with_plugin(), check=True)
     assert filter_of(packed, "counts") == 32910
     with h5py.File(packed) as f:
         np.testing.assert_array_equal(f["counts"][...], counts())
