@@ -103,6 +103,18 @@ TEST(ThreadCount, FailureForLackOfRoomLeavesTheCodecAsOneThreadDoes)
     }
 }
 
+TEST(ThreadCount, CellSizesTheCodecRefusesFailAsOnOneThread)
+{
+    Bytes cells(96 * 1024, 1);
+    for (size_t cellBytes : {0, 3, 16}) {
+        COptimalBiasDulo codec;
+        Bytes out(2 * cells.size());
+        CCapturedStream err(std::cerr);
+        EXPECT_EQ(codec.CompressOnThreads(cells.data(), cells.size(), cellBytes, out.data(), out.size(), 2), 0u);
+        EXPECT_NE(err.Text().find("Error: Halting DULO"), std::string::npos) << cellBytes;
+    }
+}
+
 TEST(ThreadCount, DamageIsReportedAtTheSegmentOneThreadReportsIt)
 {
     const Bytes cells = MakeShapeBytes(EShape::NEAR_LEVEL, 4, 60000, 5);

@@ -73,12 +73,7 @@ size_t COptimalBiasDulo::CompressOnThreads(void* pUncData, const size_t& uncSize
                                            uint8_t* cmpBuff, const size_t& bufSize, unsigned threads)
 {
     uint8_t* pUnc = static_cast<uint8_t*>(pUncData);
-    // On several threads every segment is coded first into scratch space; the walk below then
-    // makes the same checks, takes the same sizes and leaves the codec in the same state as when
-    // it codes each segment in turn.
     std::unique_ptr<CParallelSegments> pCoded;
-    if (threads > 1 && uncSize >= MIN_PARALLEL_BYTES && m_debugCompression == 0 && uncSize % cellSize == 0)
-        pCoded.reset(new CParallelSegments(*this, pUnc, uncSize, cellSize, threads));
     size_t bytesToDo = uncSize;
     size_t wcbsize = GetWorstCaseCmpBufSize(cellSize, std::min<size_t>(uncSize, STD_SEGSIZE));
     size_t didBytes = 0;
@@ -101,6 +96,11 @@ size_t COptimalBiasDulo::CompressOnThreads(void* pUncData, const size_t& uncSize
     if (wcbsize > bufSize)
         return fail();
 
+    // On several threads every segment is coded first into scratch space; the walk below then
+    // makes the same checks, takes the same sizes and leaves the codec in the same state as when
+    // it codes each segment in turn.
+    if (threads > 1 && uncSize >= MIN_PARALLEL_BYTES && m_debugCompression == 0)
+        pCoded.reset(new CParallelSegments(*this, pUnc, uncSize, cellSize, threads));
     std::vector<size_t> outOffsets;
     for (;;) {
         const size_t segmentBytes = pCoded ? pCoded->SegmentBytes(segment) : NextSegmentBytes(pUnc, bytesToDo, cellSize);
