@@ -101,6 +101,8 @@ size_t COptimalBiasDulo::CompressOnThreads(void* pUncData, const size_t& uncSize
     // it codes each segment in turn.
     if (threads > 1 && uncSize >= MIN_PARALLEL_BYTES && m_debugCompression == 0)
         pCoded.reset(new CParallelSegments(*this, pUnc, uncSize, cellSize, threads));
+    if (pCoded && !pCoded->Coded())
+        pCoded.reset();
     std::vector<size_t> outOffsets;
     for (;;) {
         const size_t segmentBytes = pCoded ? pCoded->SegmentBytes(segment) : NextSegmentBytes(pUnc, bytesToDo, cellSize);

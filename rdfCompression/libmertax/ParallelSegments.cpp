@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <cstring>
+#include <new>
 #include <thread>
 
 namespace {
@@ -33,7 +34,10 @@ CParallelSegments::CParallelSegments(COptimalBiasDulo& codec, const uint8_t* pUn
     const bool hinted = level >= COptimalBiasDulo::HINT_OPTBIAS_COMP_LEVEL &&
                         level < COptimalBiasDulo::FIND_OPTBIAS_COMP_LEVEL;
     m_period = hinted ? COptimalBiasDulo::FIND_OPTBIAS_COMP_LEVEL - level : 0;
-    m_pScratch.reset(new uint8_t[m_stride * m_segments.size()]);
+    // No room for the scratch space: the caller codes on its own thread instead.
+    m_pScratch.reset(new (std::nothrow) uint8_t[m_stride * m_segments.size()]);
+    if (!m_pScratch)
+        return;
     m_hintFor.assign(m_segments.size(), codec.m_biasHint);
 
     const size_t ranges = TaskCount(m_segments.size(), CODE_RANGE);

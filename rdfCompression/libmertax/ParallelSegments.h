@@ -15,10 +15,12 @@
 class CParallelSegments
 {
 public:
-    // Cuts the input as Compress does and codes every segment into scratch space.
+    // Cuts the input as Compress does and codes every segment into scratch space, if it gets it.
     CParallelSegments(COptimalBiasDulo& codec, const uint8_t* pUnc, size_t uncSize, size_t cellSize,
                       unsigned threads);
 
+    // False when there was no memory for the scratch space: nothing was coded.
+    bool Coded() const { return m_pScratch != nullptr; }
     size_t SegmentBytes(size_t segment) const { return m_segments[segment].bytes; }
     size_t CompressedSize(size_t segment) const { return m_segments[segment].compSize; }
     // Leaves the codec's hint and segment count as coding the first `taken` segments in turn would.

@@ -5,6 +5,7 @@
 #include <condition_variable>
 #include <deque>
 #include <mutex>
+#include <system_error>
 #include <thread>
 #include <vector>
 
@@ -84,8 +85,12 @@ CPoolState& PoolWithWorkers(unsigned helpers)
 #endif
         g_pState = new CPoolState;
     }
-    while (g_pState->workers.size() < helpers)
-        g_pState->workers.emplace_back(WorkerLoop, g_pState);
+    // A thread that cannot be started leaves the job to the workers there are (and the caller).
+    try {
+        while (g_pState->workers.size() < helpers)
+            g_pState->workers.emplace_back(WorkerLoop, g_pState);
+    } catch (const std::system_error&) {
+    }
     return *g_pState;
 }
 
