@@ -75,6 +75,6 @@ int main(int argc, char** argv)
             }
         }
     }
-    std::printf("wrote %zu seeds into %s\n", seeds, root.c_str());
+    std::printf("wrote %zu seeds into %s\n", seeds, root.string().c_str());
     return 0;
 }

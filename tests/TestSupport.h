@@ -1,14 +1,77 @@
-// Helpers shared by the codec tests: capture of a standard stream, hand-built segments, and
-// conversion between byte buffers and cells.
+// Helpers shared by the codec tests: capture of a standard stream, hand-built segments,
+// conversion between byte buffers and cells, and environment variables set for a test.
 #pragma once
 
 #include <cstdint>
+#include <cstdio>
+#include <cstdlib>
 #include <cstring>
 #include <iostream>
 #include <regex>
 #include <sstream>
 #include <string>
 #include <vector>
+#ifdef _WIN32
+#include <io.h>
+#define MERTAX_DUP _dup
+#define MERTAX_DUP2 _dup2
+#define MERTAX_CLOSE _close
+#else
+#include <unistd.h>
+#define MERTAX_DUP dup
+#define MERTAX_DUP2 dup2
+#define MERTAX_CLOSE close
+#endif
+
+// Sets an environment variable, or removes it for nullptr (Windows removes it for "" too).
+inline void SetEnvironment(const char* name, const char* value)
+{
+#ifdef _WIN32
+    _putenv_s(name, value == nullptr ? "" : value);
+#else
+    if (value == nullptr)
+        unsetenv(name);
+    else
+        setenv(name, value, 1);
+#endif
+}
+
+// Captures what the process writes to standard output for the object's lifetime, at the level of
+// the file descriptor: also what a plugin writes through a C++ runtime of its own (on Windows
+// each DLL may carry one, so std::cout in the plugin is not the test's).
+class CCapturedStdout
+{
+public:
+    CCapturedStdout()
+    {
+        std::cout.flush();
+        std::fflush(stdout);
+        m_saved = MERTAX_DUP(fileno(stdout));
+        MERTAX_DUP2(fileno(m_pFile), fileno(stdout));
+    }
+    ~CCapturedStdout()
+    {
+        std::cout.flush();
+        std::fflush(stdout);
+        MERTAX_DUP2(m_saved, fileno(stdout));
+        MERTAX_CLOSE(m_saved);
+        std::fclose(m_pFile);
+    }
+    std::string Text()
+    {
+        std::cout.flush();
+        std::fflush(stdout);
+        std::string text;
+        std::rewind(m_pFile);
+        for (int c = std::fgetc(m_pFile); c != EOF; c = std::fgetc(m_pFile))
+            text += char(c);
+        return text;
+    }
+
+private:
+    std::FILE* m_pFile = std::tmpfile();
+    int m_saved;
+};
 
 // Redirects a standard stream (std::cout or std::cerr) into a string for the object's lifetime.
 class CCapturedStream

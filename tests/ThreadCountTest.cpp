@@ -162,13 +162,10 @@ TEST(ThreadCount, PluginCountComesFromTheEnvironment)
     } cases[] = {{nullptr, 1}, {"", 1}, {"2", 2}, {"7", 7}, {"0", 1}, {"-3", 1}, {"2x", 1}, {"two", 1},
                  {"64", 64}, {"65", 64}, {"99999999999999999999", 1}};
     for (const auto& c : cases) {
-        if (c.value == nullptr)
-            unsetenv("MERTAX_NTHREADS");
-        else
-            setenv("MERTAX_NTHREADS", c.value, 1);
+        SetEnvironment("MERTAX_NTHREADS", c.value);
         EXPECT_EQ(PluginThreadCount(), c.threads) << (c.value ? c.value : "unset");
     }
-    unsetenv("MERTAX_NTHREADS");
+    SetEnvironment("MERTAX_NTHREADS", nullptr);
 }
 
 } // namespace

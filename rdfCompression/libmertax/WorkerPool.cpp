@@ -13,6 +13,13 @@
 #include <pthread.h>
 #define MERTAX_HAS_ATFORK 1
 #endif
+#ifdef _WIN32
+#define WIN32_LEAN_AND_MEAN
+#ifndef NOMINMAX
+#define NOMINMAX
+#endif
+#include <windows.h>
+#endif
 
 namespace {
 
@@ -83,6 +90,14 @@ CPoolState& PoolWithWorkers(unsigned helpers)
         static const bool registered = pthread_atfork(LockForFork, UnlockInParent, ForgetInChild) == 0;
         (void)registered;
 #endif
+#ifdef _WIN32
+        // Windows runs a DLL's static destructors under the loader lock, which a thread needs to end:
+        // the workers could never be joined there. So the module that holds the pool stays loaded
+        // once it has workers, and they end with the process.
+        HMODULE self;
+        GetModuleHandleExW(GET_MODULE_HANDLE_EX_FLAG_FROM_ADDRESS | GET_MODULE_HANDLE_EX_FLAG_PIN,
+                           reinterpret_cast<LPCWSTR>(&PoolWithWorkers), &self);
+#endif
         g_pState = new CPoolState;
     }
     // A thread that cannot be started leaves the job to the workers there are (and the caller).
@@ -94,6 +109,7 @@ CPoolState& PoolWithWorkers(unsigned helpers)
     return *g_pState;
 }
 
+#ifndef _WIN32
 // Joins the workers when the library is unloaded (or the program ends).
 struct CPoolShutdown
 {
@@ -114,6 +130,7 @@ struct CPoolShutdown
         delete pState;
     }
 } g_shutdown;
+#endif
 
 } // namespace
 

@@ -13,7 +13,13 @@
 extern "C" {
 #endif
 
-#if defined(__GNUC__)
+#if defined(_WIN32)
+#if defined(MERTAX_BUILDING_LIBRARY)
+#define MERTAX_C_API __declspec(dllexport)
+#else
+#define MERTAX_C_API
+#endif
+#elif defined(__GNUC__)
 #define MERTAX_C_API __attribute__((visibility("default")))
 #else
 #define MERTAX_C_API

@@ -23,7 +23,7 @@ protected:
     }
     void TearDown() override
     {
-        unsetenv("MERTAX_DEBUG");
+        SetEnvironment("MERTAX_DEBUG", nullptr);
         std::remove(m_path.c_str());
     }
     std::string m_path;
@@ -100,8 +100,8 @@ TEST_F(PluginEndToEnd, EveryCellSizeAndLevelRoundTripsThroughAFile)
 TEST_F(PluginEndToEnd, SetLocalFillsBufferSizeAndKeepsTheFilterFlags)
 {
     CHid file = CreateFile(m_path);
-    setenv("MERTAX_DEBUG", "1", 1);
-    CCapturedStream out(std::cout);
+    SetEnvironment("MERTAX_DEBUG", "1");
+    CCapturedStdout out;
     CHid dataset = CreateFilteredDataset(file, "singles", 4, {3000}, {1000}, {1, 1, 0, 0, 4, 6}, H5Z_FLAG_OPTIONAL);
     ASSERT_TRUE(dataset.Valid());
     EXPECT_EQ(out.Text(), "MERTAX bufferSize: 4000\n"
@@ -119,7 +119,7 @@ TEST_F(PluginEndToEnd, DatasetWithoutFilterVersionIsNotCreated)
     const std::vector<unsigned> noVersion[] = {{}, {1}, {0, 1, 0, 0, 2, 4}};
     for (const std::vector<unsigned>& cd : noVersion) {
         SCOPED_TRACE(testing::Message() << cd.size() << " words");
-        CCapturedStream out(std::cout);
+        CCapturedStdout out;
         CHid dataset = CreateFilteredDataset(file, "d" + std::to_string(cd.size()), 2, {100}, {50}, cd);
         EXPECT_FALSE(dataset.Valid());
         EXPECT_EQ(out.Text(), "MERTAX filter version not set, updating to: 1\n");
@@ -242,7 +242,7 @@ TEST_F(PluginEndToEnd, UnusableCellSizeIsRefusedAtCreationOnTheErrorStack)
     for (const Case& c : cases) {
         SCOPED_TRACE(c.message);
         CErrorStackCapture errors;
-        CCapturedStream out(std::cout);
+        CCapturedStdout out;
         CHid dataset = CreateFilteredDataset(file, "bad" + std::to_string(c.cellBytes), c.typeBytes, {c.chunk},
                                              {c.chunk}, {1, 1, 0, 0, c.cellBytes, 4});
         EXPECT_FALSE(dataset.Valid());
@@ -265,7 +265,7 @@ TEST_F(PluginEndToEnd, CellSizeZeroTakesTheDatatypeSize)
         ASSERT_GE(WriteAll(dataset, cellBytes, data), 0);
         EXPECT_EQ(ReadAll(dataset, cellBytes, data.size()), data);
     }
-    CCapturedStream out(std::cout);
+    CCapturedStdout out;
     CHid floats(H5Screate_simple(1, std::vector<hsize_t>{10}.data(), nullptr), H5Sclose);
     CHid dcpl(H5Pcreate(H5P_DATASET_CREATE), H5Pclose);
     const hsize_t chunk[] = {10};
@@ -293,7 +293,7 @@ TEST_F(PluginEndToEnd, DamagedChunkSaysWhereOnTheErrorStack)
     CHid file = OpenFile(m_path);
     CHid dataset = OpenDataset(file, "sino");
     CErrorStackCapture errors;
-    CCapturedStream out(std::cout);
+    CCapturedStdout out;
     EXPECT_TRUE(ReadAll(dataset, 2, data.size()).empty());
     EXPECT_NE(errors.Text().find("MERTAX cannot expand the chunk: damaged data: segment 1 at byte offset "),
               std::string::npos)

@@ -4,6 +4,7 @@
 #include "CliSupport.h"
 #include "FilterCatalog.h"
 #include "Hdf5Handle.h"
+#include "Hdf5Objects.h"
 #include "ThreadedChunkIO.h"
 
 #include <unistd.h>
@@ -34,9 +35,7 @@ SData LoadDataset(const SBenchOptions& o)
     if (H5Fis_hdf5(o.file.c_str()) <= 0)
         throw CCliError(EXIT_BAD_USAGE, "cannot open " + o.file + " as an HDF5 file");
     CHid file(H5Fopen(o.file.c_str(), H5F_ACC_RDONLY, H5P_DEFAULT), H5Fclose);
-    H5O_info_t info;
-    if (!file.Valid() || H5Oget_info_by_name2(file, o.dataset.c_str(), &info, H5O_INFO_BASIC, H5P_DEFAULT) < 0 ||
-        info.type != H5O_TYPE_DATASET)
+    if (!file.Valid() || !IsDataset(file, o.dataset))
         throw CCliError(EXIT_BAD_USAGE, "no dataset " + o.dataset + " in " + o.file);
     CHid dataset(H5Dopen2(file, o.dataset.c_str(), H5P_DEFAULT), H5Dclose);
     CHid space(H5Dget_space(dataset), H5Sclose);

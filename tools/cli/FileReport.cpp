@@ -3,6 +3,7 @@
 #include "CheckedExpansion.h"
 #include "CliSupport.h"
 #include "Hdf5Handle.h"
+#include "Hdf5Objects.h"
 #include "JsonWriter.h"
 #include "SegmentReport.h"
 #include "mertax.h"
@@ -210,13 +211,6 @@ SDataset Examine(hid_t file, const std::string& name, bool& usesFilter)
     return d;
 }
 
-herr_t CollectDataset(hid_t, const char* name, const H5O_info_t* info, void* pNames)
-{
-    if (info->type == H5O_TYPE_DATASET)
-        static_cast<std::vector<std::string>*>(pNames)->push_back(std::string("/") + name);
-    return 0;
-}
-
 struct STotals
 {
     size_t segments = 0, compressed = 0, fieldBytes = 0, streamBytes = 0, mapBytes = 0, storedData = 0;
@@ -368,14 +362,11 @@ int Inspect(const SInspectOptions& o)
     if (!file.Valid())
         throw CCliError(EXIT_BAD_USAGE, "cannot open " + o.file + " as an HDF5 file");
     std::vector<std::string> names = o.datasets;
-    for (const std::string& name : names) {
-        H5O_info_t info;
-        if (H5Oget_info_by_name2(file, name.c_str(), &info, H5O_INFO_BASIC, H5P_DEFAULT) < 0 ||
-            info.type != H5O_TYPE_DATASET)
+    for (const std::string& name : names)
+        if (!IsDataset(file, name))
             throw CCliError(EXIT_BAD_USAGE, "no dataset " + name + " in " + o.file);
-    }
     if (names.empty())
-        H5Ovisit2(file, H5_INDEX_NAME, H5_ITER_INC, CollectDataset, &names, H5O_INFO_BASIC);
+        names = AllDatasets(file);
 
     std::vector<SDataset> datasets;
     for (const std::string& name : names) {

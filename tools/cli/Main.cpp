@@ -4,17 +4,22 @@
 //   mertax inspect FILE.h5 [DATASET...]            what filter 32910 did with a file's datasets
 //   mertax bench FILE.h5 DATASET | --raw FILE --cell N   the user's data through every filter
 // Exit status: 0 success, 1 bad data, 2 bad usage; every error is one line on standard error.
-#include "Bench.h"
+// Built without HDF5 (Windows) the tool has the raw verbs only.
 #include "CliSupport.h"
-#include "FileReport.h"
 #include "RawVerbs.h"
 #include "mertax.h"
 
 #include <CLI/CLI.hpp>
+
+#include <iostream>
+
+#ifdef MERTAX_WITH_HDF5
+#include "Bench.h"
+#include "FileReport.h"
+
 #include <hdf5.h>
 
 #include <filesystem>
-#include <iostream>
 
 namespace {
 
@@ -32,12 +37,15 @@ void FindOwnPlugin()
 }
 
 } // namespace
+#endif
 
 int main(int argc, char** argv)
 {
     CLI::App app{"mertax " + std::string(mertax_version()) +
                  ": lossless compression of arrays of unsigned integers (HDF5 filter 32910)"};
     app.require_subcommand(1);
+    // On Windows CLI11 would take /name for an option: a path such as /data/run1.raw must stay a path.
+    app.allow_windows_style_options(false);
     app.set_version_flag("--version", std::string(mertax_version()));
 
     SRawOptions raw;
@@ -55,6 +63,7 @@ int main(int argc, char** argv)
     CLI::App* expand = app.add_subcommand("expand", "expand a compressed stream back into raw cells");
     addRaw(expand, false);
 
+#ifdef MERTAX_WITH_HDF5
     SInspectOptions inspect;
     CLI::App* inspectVerb = app.add_subcommand("inspect", "show what filter 32910 did with an HDF5 file's datasets");
     inspectVerb->add_option("FILE", inspect.file, "HDF5 file")->required();
@@ -75,9 +84,11 @@ int main(int argc, char** argv)
         ->check(CLI::Range(1, 100));
     benchVerb->add_option("--threads", bench.threads, "also run level 4 on N threads with direct chunk I/O")
         ->check(CLI::Range(1, 1024));
+#endif
 
     try {
         app.parse(argc, argv);
+#ifdef MERTAX_WITH_HDF5
         if (benchVerb->parsed()) {
             bench.raw = !rawFile.empty();
             if (bench.raw) {
@@ -88,6 +99,7 @@ int main(int argc, char** argv)
                 throw CLI::ValidationError("bench takes FILE.h5 DATASET, or --raw FILE --cell N");
             }
         }
+#endif
     } catch (const CLI::CallForHelp& e) {
         return app.exit(e);
     } catch (const CLI::CallForAllHelp& e) {
@@ -100,15 +112,16 @@ int main(int argc, char** argv)
     }
 
     try {
-        FindOwnPlugin();
         if (compress->parsed())
             CompressRaw(raw);
         else if (expand->parsed())
             ExpandRaw(raw);
-        else if (inspectVerb->parsed())
-            return Inspect(inspect);
-        else
-            return Bench(bench);
+#ifdef MERTAX_WITH_HDF5
+        else {
+            FindOwnPlugin();
+            return inspectVerb->parsed() ? Inspect(inspect) : Bench(bench);
+        }
+#endif
     } catch (const CCliError& e) {
         std::cerr << "mertax: " << e.what() << "\n";
         return e.Status();
