@@ -14,7 +14,11 @@
 #                            GoogleTest unpacked into build-arm64/sysroot) and run the tests under
 #                            qemu-aarch64, files exchanged with this machine's build included
 #   ./run.sh test-windows    install what is missing, cross-build for Windows x86-64 with mingw-w64 (the
-#                            codec DLL, the tool's raw verbs, the tests) and run the tests under wine
+#                            codec DLL, the tool's raw verbs, the tests) and run the tests under wine;
+#                            with MERTAX_WINDOWS_HDF5=PREFIX (a MinGW HDF5, tools/build_hdf5.sh --windows)
+#                            also the plugin, with that HDF5's tools and files exchanged with this machine
+#   ./run.sh test-hdf5 PREFIX  build against the HDF5 installed under PREFIX (tools/build_hdf5.sh builds
+#                            one from HDF5's source) and run the tests, that HDF5's tools first on PATH
 #   ./run.sh package         build the Debian package (build-package/libmertax_*.deb) and, as root,
 #                            install it, use it and remove it
 set -euo pipefail
@@ -142,11 +146,37 @@ run_test_windows() {
     export WINEPREFIX="$PWD/build-windows/wine" WINEDEBUG=-all
     mkdir -p build-windows
     [ -d "$WINEPREFIX" ] || /usr/lib/wine/wine64 wineboot --init >/dev/null 2>&1
-    echo "== Windows cross build (mingw-w64)"
-    configure_and_build build-windows/build -DCMAKE_TOOLCHAIN_FILE=cmake/x86_64-w64-mingw32.cmake \
-        -DCMAKE_BUILD_TYPE=Release -DMERTAX_WITH_HDF5=OFF -DMERTAX_BUILD_BENCH=OFF -DMERTAX_BUILD_PYTHON=OFF
-    echo "== Windows tests under wine"
+    local options=(-DCMAKE_TOOLCHAIN_FILE=cmake/x86_64-w64-mingw32.cmake -DCMAKE_BUILD_TYPE=Release
+        -DMERTAX_BUILD_BENCH=OFF -DMERTAX_BUILD_PYTHON=OFF)
+    echo "== Windows cross build (mingw-w64): the codec"
+    configure_and_build build-windows/build "${options[@]}" -DMERTAX_WITH_HDF5=OFF
+    echo "== Windows tests under wine: the codec"
     ctest --test-dir build-windows/build --output-on-failure -j"$JOBS"
+    if [ -z "${MERTAX_WINDOWS_HDF5:-}" ]; then
+        echo "== The Windows plugin is not built: set MERTAX_WINDOWS_HDF5 to a MinGW build of HDF5"
+        return 0
+    fi
+    echo "== Host build (its plugin exchanges files with the Windows one)"
+    configure_and_build build -DCMAKE_BUILD_TYPE=Release
+    echo "== Windows cross build (mingw-w64): the plugin, against $MERTAX_WINDOWS_HDF5"
+    configure_and_build build-windows/plugin "${options[@]}" -DMERTAX_HOST_PLUGIN_DIR="$PWD/build/plugin"
+    echo "== Windows tests under wine: the plugin"
+    ctest --test-dir build-windows/plugin --output-on-failure -j"$JOBS"
+}
+
+# The tests built against the HDF5 installed under $1, its tools first on PATH. Python is left
+# out: h5py and the package's module link the system's HDF5.
+run_test_hdf5() {
+    local prefix=${1:?usage: ./run.sh test-hdf5 PREFIX}
+    prefix=$(cd "$prefix" && pwd)
+    ensure_packages
+    local dir
+    dir="build-hdf5/$(basename "$prefix")"
+    echo "== Build against $prefix"
+    configure_and_build "$dir" -DCMAKE_BUILD_TYPE=Release -DHDF5_ROOT="$prefix" -DMERTAX_BUILD_BENCH=OFF \
+        -DMERTAX_BUILD_PYTHON=OFF
+    echo "== Tests, with $("$prefix/bin/h5dump" --version)"
+    PATH="$prefix/bin:$PATH" ctest --test-dir "$dir" --output-on-failure -j"$JOBS"
 }
 
 run_package() {
@@ -196,6 +226,10 @@ bench)
     ;;
 test-arm64) run_test_arm64 ;;
 test-windows) run_test_windows ;;
+test-hdf5)
+    shift
+    run_test_hdf5 "$@"
+    ;;
 package) run_package ;;
 mutants)
     shift
@@ -203,7 +237,7 @@ mutants)
     /usr/bin/python3 tools/mutants.py "$@"
     ;;
 *)
-    echo "usage: $0 test | test-arm64 | test-windows | demo | bench [--quick] | fuzz [SECONDS] | package | mutants FILE..." >&2
+    echo "usage: $0 test | test-arm64 | test-windows | test-hdf5 PREFIX | demo | bench [--quick] | fuzz [SECONDS] | package | mutants FILE..." >&2
     exit 2
     ;;
 esac

@@ -36,31 +36,28 @@ inline void SetEnvironment(const char* name, const char* value)
 #endif
 }
 
-// Captures what the process writes to standard output for the object's lifetime, at the level of
-// the file descriptor: also what a plugin writes through a C++ runtime of its own (on Windows
-// each DLL may carry one, so std::cout in the plugin is not the test's).
-class CCapturedStdout
+// Captures what the process writes to standard output or error (stdout, stderr) for the object's
+// lifetime, at the level of the file descriptor: also what a plugin writes through a C++ runtime of
+// its own (on Windows each DLL may carry one, so std::cout in the plugin is not the test's).
+class CCapturedOutput
 {
 public:
-    CCapturedStdout()
+    explicit CCapturedOutput(std::FILE* pStream) : m_pStream(pStream)
     {
-        std::cout.flush();
-        std::fflush(stdout);
-        m_saved = MERTAX_DUP(fileno(stdout));
-        MERTAX_DUP2(fileno(m_pFile), fileno(stdout));
+        Flush();
+        m_saved = MERTAX_DUP(fileno(m_pStream));
+        MERTAX_DUP2(fileno(m_pFile), fileno(m_pStream));
     }
-    ~CCapturedStdout()
+    ~CCapturedOutput()
     {
-        std::cout.flush();
-        std::fflush(stdout);
-        MERTAX_DUP2(m_saved, fileno(stdout));
+        Flush();
+        MERTAX_DUP2(m_saved, fileno(m_pStream));
         MERTAX_CLOSE(m_saved);
         std::fclose(m_pFile);
     }
     std::string Text()
     {
-        std::cout.flush();
-        std::fflush(stdout);
+        Flush();
         std::string text;
         std::rewind(m_pFile);
         for (int c = std::fgetc(m_pFile); c != EOF; c = std::fgetc(m_pFile))
@@ -69,6 +66,13 @@ public:
     }
 
 private:
+    void Flush()
+    {
+        std::cout.flush();
+        std::cerr.flush();
+        std::fflush(m_pStream);
+    }
+    std::FILE* m_pStream;
     std::FILE* m_pFile = std::tmpfile();
     int m_saved;
 };

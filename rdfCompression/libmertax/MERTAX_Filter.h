@@ -7,10 +7,9 @@
 #pragma once
 
 #include "MertaxApi.h"
+#include "mertax.h" // ZV_H5_MERTAX_FILTER_ID
 
 #include <hdf5.h>
-
-#define ZV_H5_MERTAX_FILTER_ID 32910
 
 #ifdef __cplusplus
 extern "C" {

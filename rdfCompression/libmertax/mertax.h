@@ -25,6 +25,9 @@ extern "C" {
 #define MERTAX_C_API
 #endif
 
+/* The HDF5 filter id under which HDF5 stores these streams (H5Pset_filter, h5py's compression=). */
+#define ZV_H5_MERTAX_FILTER_ID 32910
+
 /* Every function below that returns 0 for a failure leaves the reason in mertax_last_error(). */
 
 /* Capacity that always suffices to compress src_size bytes of cells of cell_bytes (1, 2, 4 or 8)

@@ -101,7 +101,7 @@ TEST_F(PluginEndToEnd, SetLocalFillsBufferSizeAndKeepsTheFilterFlags)
 {
     CHid file = CreateFile(m_path);
     SetEnvironment("MERTAX_DEBUG", "1");
-    CCapturedStdout out;
+    CCapturedOutput out(stdout);
     CHid dataset = CreateFilteredDataset(file, "singles", 4, {3000}, {1000}, {1, 1, 0, 0, 4, 6}, H5Z_FLAG_OPTIONAL);
     ASSERT_TRUE(dataset.Valid());
     EXPECT_EQ(out.Text(), "MERTAX bufferSize: 4000\n"
@@ -119,7 +119,7 @@ TEST_F(PluginEndToEnd, DatasetWithoutFilterVersionIsNotCreated)
     const std::vector<unsigned> noVersion[] = {{}, {1}, {0, 1, 0, 0, 2, 4}};
     for (const std::vector<unsigned>& cd : noVersion) {
         SCOPED_TRACE(testing::Message() << cd.size() << " words");
-        CCapturedStdout out;
+        CCapturedOutput out(stdout);
         CHid dataset = CreateFilteredDataset(file, "d" + std::to_string(cd.size()), 2, {100}, {50}, cd);
         EXPECT_FALSE(dataset.Valid());
         EXPECT_EQ(out.Text(), "MERTAX filter version not set, updating to: 1\n");
@@ -242,7 +242,7 @@ TEST_F(PluginEndToEnd, UnusableCellSizeIsRefusedAtCreationOnTheErrorStack)
     for (const Case& c : cases) {
         SCOPED_TRACE(c.message);
         CErrorStackCapture errors;
-        CCapturedStdout out;
+        CCapturedOutput out(stdout);
         CHid dataset = CreateFilteredDataset(file, "bad" + std::to_string(c.cellBytes), c.typeBytes, {c.chunk},
                                              {c.chunk}, {1, 1, 0, 0, c.cellBytes, 4});
         EXPECT_FALSE(dataset.Valid());
@@ -265,7 +265,7 @@ TEST_F(PluginEndToEnd, CellSizeZeroTakesTheDatatypeSize)
         ASSERT_GE(WriteAll(dataset, cellBytes, data), 0);
         EXPECT_EQ(ReadAll(dataset, cellBytes, data.size()), data);
     }
-    CCapturedStdout out;
+    CCapturedOutput out(stdout);
     CHid floats(H5Screate_simple(1, std::vector<hsize_t>{10}.data(), nullptr), H5Sclose);
     CHid dcpl(H5Pcreate(H5P_DATASET_CREATE), H5Pclose);
     const hsize_t chunk[] = {10};
@@ -293,11 +293,15 @@ TEST_F(PluginEndToEnd, DamagedChunkSaysWhereOnTheErrorStack)
     CHid file = OpenFile(m_path);
     CHid dataset = OpenDataset(file, "sino");
     CErrorStackCapture errors;
-    CCapturedStdout out;
+    CCapturedOutput err(stderr);
     EXPECT_TRUE(ReadAll(dataset, 2, data.size()).empty());
-    EXPECT_NE(errors.Text().find("MERTAX cannot expand the chunk: damaged data: segment 1 at byte offset "),
-              std::string::npos)
-        << errors.Text();
+    // HDF5 1.14 and later may silence what a filter function puts on the error stack; the message
+    // then reaches the user on standard error only.
+    const std::string message = "MERTAX cannot expand the chunk: damaged data: segment 1 at byte offset ";
+    EXPECT_NE(err.Text().find(message), std::string::npos) << err.Text();
+#if !H5_VERSION_GE(1, 14, 0)
+    EXPECT_NE(errors.Text().find(message), std::string::npos) << errors.Text();
+#endif
 }
 
 } // namespace

@@ -38,7 +38,7 @@ grep -q "FILTER_ID 32910" <<<"$header" || fail "h5dump shows no filter 32910"
 grep -q "PARAMS { 1 1 126000 0 2 4 }" <<<"$header" || fail "sinogram client data without its chunk size"
 diff <(win h5dump -d /singles plain.h5 | tail -n +2) <(win h5dump -d /singles packed.h5 | tail -n +2) ||
     fail "h5dump prints other data through the filter"
-[ "$(stat -c %s packed.h5)" -lt $(($(stat -c %s plain.h5) / 3)) ] || fail "packed file not smaller"
+[ "$(stat -c %s packed.h5)" -lt $(($(stat -c %s plain.h5) / 2)) ] || fail "packed file $(stat -c %s packed.h5) bytes, plain $(stat -c %s plain.h5)"
 
 if [ -n "$hostPlugin" ]; then
     HDF5_PLUGIN_PATH="$hostPlugin" "$PYTHON" - <<'PY' || fail "the host reads the file Windows wrote"
