@@ -25,4 +25,4 @@ cmake -S "$source" -B "$build" "${options[@]}" >"$build.configure.log" 2>&1 ||
 cmake --build "$build" -j"$(nproc)" >"$build.build.log" 2>&1 || { tail -30 "$build.build.log"; exit 1; }
 cmake --install "$build" >/dev/null
 rm -f "$build.configure.log" "$build.build.log"
-echo "HDF5 $(grep -m1 -o 'HDF5 Version: [0-9.]*' "$prefix/lib/libhdf5.settings" || true) installed under $prefix"
+echo "$(grep -m1 -o "HDF5 Version: [0-9.]*" "$prefix/lib/libhdf5.settings" || echo HDF5) installed under $prefix"
