@@ -1,5 +1,5 @@
-# Installation and packaging: the plugin, the CMake package (mertax::mertax), the pkg-config
-# file, and the Debian package made by CPack. Everything goes under the prefix (and DESTDIR).
+# Installation and packaging: the plugin, the CMake package (mertax::mertax, mertax::chunkio), the
+# pkg-config files, and the Debian package made by CPack. Everything goes under the prefix (and DESTDIR).
 include(CMakePackageConfigHelpers)
 
 # HDF5 loads every file in its plugin folder: one copy of the library under the plain name. When
@@ -34,6 +34,10 @@ endif()
 file(RELATIVE_PATH MERTAX_PC_TO_PREFIX "/prefix/${CMAKE_INSTALL_LIBDIR}/pkgconfig" "/prefix")
 configure_file(cmake/mertax.pc.in ${PROJECT_BINARY_DIR}/mertax.pc @ONLY)
 install(FILES ${PROJECT_BINARY_DIR}/mertax.pc DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig COMPONENT library)
+if(TARGET mertax_chunkio)
+  configure_file(cmake/mertax-chunkio.pc.in ${PROJECT_BINARY_DIR}/mertax-chunkio.pc @ONLY)
+  install(FILES ${PROJECT_BINARY_DIR}/mertax-chunkio.pc DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig COMPONENT library)
+endif()
 
 set(CPACK_PACKAGE_NAME libmertax)
 set(CPACK_PACKAGE_VENDOR "libmertax developers")
