@@ -17,6 +17,13 @@ def project_version():
         return re.search(r"project\(mertax VERSION ([0-9.]+)", f.read()).group(1)
 
 
+def entry_points():
+    # One file for pip's metadata and cmake --install's: readers of Zarr arrays (and dask workers)
+    # find the codec through it without importing mertax.
+    with open(os.path.join(ROOT, "python", "entry_points.txt")) as f:
+        return f.read()
+
+
 class CMakeBuild(build_ext):
     def build_extension(self, ext):
         build = os.path.abspath(self.build_temp)
@@ -35,5 +42,5 @@ class CMakeBuild(build_ext):
                         os.path.join(os.path.dirname(module), "plugin", "libmertax.so"))
 
 
-setup(version=project_version(), ext_modules=[Extension("mertax._mertax", sources=[])],
+setup(version=project_version(), entry_points=entry_points(), ext_modules=[Extension("mertax._mertax", sources=[])],
       cmdclass={"build_ext": CMakeBuild})
