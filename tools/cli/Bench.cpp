@@ -72,53 +72,45 @@ SData LoadRaw(const SBenchOptions& o)
 struct SResult
 {
     std::string name;
-    double ratio = 0, writeMBs = 0, readMBs = 0;
+    double ratio = 0, writeSeconds = 1e30, readSeconds = 1e30;
+    bool failed = false;
 };
 
-// Writes the data with `filter` into a fresh file and reads it back, `repetitions` times; the best
-// times count. False when the filter fails or the data does not come back exactly.
-bool Measure(const std::string& path, const SFilterChoice& filter, unsigned threads, const SData& d, int repetitions,
-             SResult& r)
+// Writes the data with `filter` into a fresh file and reads it back once, keeping the best times
+// in `r`. False when the filter fails or the data does not come back exactly.
+bool MeasureOnce(const std::string& path, const SFilterChoice& filter, unsigned threads, const SData& d, SResult& r)
 {
-    double bestWrite = 1e30, bestRead = 1e30;
-    std::vector<uint8_t> back(d.bytes.size());
-    hsize_t stored = 0;
-    for (int rep = 0; rep < repetitions; ++rep) {
-        const auto start = Clock::now();
-        {
-            CHid file(H5Fcreate(path.c_str(), H5F_ACC_TRUNC, H5P_DEFAULT, H5P_DEFAULT), H5Fclose);
-            CHid space(H5Screate_simple(int(d.dims.size()), d.dims.data(), nullptr), H5Sclose);
-            CHid dcpl(H5Pcreate(H5P_DATASET_CREATE), H5Pclose);
-            H5Pset_chunk(dcpl, int(d.chunk.size()), d.chunk.data());
-            filter.apply(dcpl, H5Tget_size(d.type));
-            CHid dataset(H5Dcreate2(file, "data", d.type, space, H5P_DEFAULT, dcpl, H5P_DEFAULT), H5Dclose);
-            const bool written =
-                dataset.Valid() &&
-                (threads == 0 ? H5Dwrite(dataset, d.type, H5S_ALL, H5S_ALL, H5P_DEFAULT, d.bytes.data()) >= 0
-                              : CThreadedChunkIO(dataset, threads).Write(d.bytes.data()));
-            if (!written || dataset.Close() < 0 || file.Close() < 0)
-                return false;
-        }
-        bestWrite = std::min(bestWrite, std::chrono::duration<double>(Clock::now() - start).count());
-        const auto readStart = Clock::now();
-        CHid file(H5Fopen(path.c_str(), H5F_ACC_RDONLY, H5P_DEFAULT), H5Fclose);
-        CHid dataset(H5Dopen2(file, "data", H5P_DEFAULT), H5Dclose);
-        const bool read = threads == 0 ? H5Dread(dataset, d.type, H5S_ALL, H5S_ALL, H5P_DEFAULT, back.data()) >= 0
-                                       : CThreadedChunkIO(dataset, threads).Read(back.data());
-        if (!read)
-            return false;
-        bestRead = std::min(bestRead, std::chrono::duration<double>(Clock::now() - readStart).count());
-        stored = H5Dget_storage_size(dataset);
-        if (back != d.bytes)
+    const auto start = Clock::now();
+    {
+        CHid file(H5Fcreate(path.c_str(), H5F_ACC_TRUNC, H5P_DEFAULT, H5P_DEFAULT), H5Fclose);
+        CHid space(H5Screate_simple(int(d.dims.size()), d.dims.data(), nullptr), H5Sclose);
+        CHid dcpl(H5Pcreate(H5P_DATASET_CREATE), H5Pclose);
+        H5Pset_chunk(dcpl, int(d.chunk.size()), d.chunk.data());
+        filter.apply(dcpl, H5Tget_size(d.type));
+        CHid dataset(H5Dcreate2(file, "data", d.type, space, H5P_DEFAULT, dcpl, H5P_DEFAULT), H5Dclose);
+        const bool written =
+            dataset.Valid() &&
+            (threads == 0 ? H5Dwrite(dataset, d.type, H5S_ALL, H5S_ALL, H5P_DEFAULT, d.bytes.data()) >= 0
+                          : CThreadedChunkIO(dataset, threads).Write(d.bytes.data()));
+        if (!written || dataset.Close() < 0 || file.Close() < 0)
             return false;
     }
-    r.name = threads == 0 ? filter.name
-                          : filter.name + ", " + std::to_string(threads) + " threads, direct chunk I/O";
+    r.writeSeconds = std::min(r.writeSeconds, std::chrono::duration<double>(Clock::now() - start).count());
+    std::vector<uint8_t> back(d.bytes.size());
+    const auto readStart = Clock::now();
+    CHid file(H5Fopen(path.c_str(), H5F_ACC_RDONLY, H5P_DEFAULT), H5Fclose);
+    CHid dataset(H5Dopen2(file, "data", H5P_DEFAULT), H5Dclose);
+    const bool read = threads == 0 ? H5Dread(dataset, d.type, H5S_ALL, H5S_ALL, H5P_DEFAULT, back.data()) >= 0
+                                   : CThreadedChunkIO(dataset, threads).Read(back.data());
+    if (!read)
+        return false;
+    r.readSeconds = std::min(r.readSeconds, std::chrono::duration<double>(Clock::now() - readStart).count());
+    const hsize_t stored = H5Dget_storage_size(dataset);
     r.ratio = stored ? double(d.bytes.size()) / double(stored) : 0;
-    r.writeMBs = double(d.bytes.size()) / bestWrite / 1e6;
-    r.readMBs = double(d.bytes.size()) / bestRead / 1e6;
-    return true;
+    return back == d.bytes;
 }
+
+double MBs(const SData& d, double seconds) { return double(d.bytes.size()) / seconds / 1e6; }
 
 // A progress line on a terminal, once the work has taken more than a second.
 class CProgress
@@ -168,39 +160,51 @@ int Bench(const SBenchOptions& o)
     const std::filesystem::path scratch =
         std::filesystem::temp_directory_path() / ("mertax-bench-" + std::to_string(getpid()));
     std::filesystem::create_directories(scratch);
-    std::vector<SResult> results;
+    // Rounds interleave the filters, so that a machine that speeds up or slows down during the
+    // run does not favour the filters measured at one end of it.
+    std::vector<SResult> results(choices.size());
+    for (size_t i = 0; i < choices.size(); ++i) {
+        const auto& [filter, threads] = choices[i];
+        results[i].name = threads == 0 ? filter.name
+                                       : filter.name + ", " + std::to_string(threads) + " threads, direct chunk I/O";
+    }
     {
         CProgress progress;
-        for (size_t i = 0; i < choices.size(); ++i) {
-            const SFilterChoice& filter = choices[i].first;
-            progress.Show("bench: " + filter.name + " (" + std::to_string(i + 1) + " of " +
-                          std::to_string(choices.size()) + ")");
-            SResult r;
-            if (Measure((scratch / "scratch.h5").string(), filter, choices[i].second, d, o.repetitions, r))
-                results.push_back(r);
-            else
-                std::cerr << "mertax: " << filter.name << " failed or did not give the data back; left out\n";
-        }
+        for (int round = 0; round < o.repetitions; ++round)
+            for (size_t i = 0; i < choices.size(); ++i) {
+                SResult& r = results[i];
+                if (r.failed)
+                    continue;
+                progress.Show("bench: round " + std::to_string(round + 1) + " of " + std::to_string(o.repetitions) +
+                              ", " + r.name);
+                if (!MeasureOnce((scratch / "scratch.h5").string(), choices[i].first, choices[i].second, d, r)) {
+                    r.failed = true;
+                    std::cerr << "mertax: " << r.name << " failed or did not give the data back; left out\n";
+                }
+            }
     }
+    results.erase(std::remove_if(results.begin(), results.end(), [](const SResult& r) { return r.failed; }),
+                  results.end());
     std::filesystem::remove_all(scratch);
 
     std::cout << d.bytes.size() << " bytes of " << H5Tget_size(d.type) * 8 << "-bit cells, chunks of "
               << std::accumulate(d.chunk.begin(), d.chunk.end(), H5Tget_size(d.type), std::multiplies<size_t>())
-              << " bytes; best of " << o.repetitions << ", MB/s of uncompressed data\n";
+              << " bytes; best of " << o.repetitions << " interleaved rounds, MB/s of uncompressed data\n";
     std::cout << std::left << std::setw(54) << "filter" << std::right << std::setw(8) << "ratio" << std::setw(12)
               << "write MB/s" << std::setw(12) << "read MB/s" << "\n"
               << std::fixed << std::setprecision(2);
     for (const SResult& r : results)
         std::cout << std::left << std::setw(54) << r.name << std::right << std::setw(8) << r.ratio
-                  << std::setprecision(0) << std::setw(12) << r.writeMBs << std::setw(12) << r.readMBs
+                  << std::setprecision(0) << std::setw(12) << MBs(d, r.writeSeconds) << std::setw(12)
+                  << MBs(d, r.readSeconds)
                   << std::setprecision(2) << "\n";
     // The best ratio among the filters that write at least half as fast as the fastest one.
-    double fastest = 0;
+    double fastest = 1e30;
     for (const SResult& r : results)
-        fastest = std::max(fastest, r.writeMBs);
+        fastest = std::min(fastest, r.writeSeconds);
     const SResult* pick = nullptr;
     for (const SResult& r : results)
-        if (r.writeMBs >= fastest / 2 && (pick == nullptr || r.ratio > pick->ratio))
+        if (r.writeSeconds <= 2 * fastest && (pick == nullptr || r.ratio > pick->ratio))
             pick = &r;
     if (pick != nullptr)
         std::cout << "recommended: " << pick->name << " (ratio " << pick->ratio << ", the best among the filters "
