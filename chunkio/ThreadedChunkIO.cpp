@@ -11,7 +11,6 @@
 
 namespace {
 
-constexpr H5Z_filter_t FILTER_ID = 32910;
 
 // One chunk's buffers between the calling thread and a worker.
 struct SSlot
@@ -126,7 +125,7 @@ CThreadedChunkIO::CThreadedChunkIO(hid_t dataset, unsigned threads)
     if (dcpl < 0 || type < 0 || space < 0) {
         m_error = "not a dataset";
     } else if (H5Pget_layout(dcpl) != H5D_CHUNKED || H5Pget_nfilters(dcpl) != 1 ||
-               H5Pget_filter2(dcpl, 0, &flags, &words, cd, 0, nullptr, nullptr) != FILTER_ID || words < 6) {
+               H5Pget_filter2(dcpl, 0, &flags, &words, cd, 0, nullptr, nullptr) != ZV_H5_MERTAX_FILTER_ID || words < 6) {
         m_error = "the dataset is not chunked with filter 32910 as its only filter";
     } else {
         m_dims.resize(size_t(H5Sget_simple_extent_ndims(space)));

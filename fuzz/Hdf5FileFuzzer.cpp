@@ -4,6 +4,7 @@
 #include "FileReport.h"
 #include "FuzzInput.h"
 #include "ThreadedChunkIO.h"
+#include "mertax.h"
 
 #include <hdf5.h>
 #include <unistd.h>
@@ -15,7 +16,6 @@
 
 namespace {
 
-constexpr H5Z_filter_t FILTER_ID = 32910;
 
 hid_t CellType(size_t cellBytes)
 {
@@ -50,7 +50,7 @@ bool WriteFile(const std::string& path, size_t cellBytes, hsize_t chunkCells, co
     H5Pset_chunk(dcpl, 1, &chunkCells);
     const uint64_t fill = 0x5A5A5A5A5A5A5A5Aull;
     H5Pset_fill_value(dcpl, H5T_NATIVE_UINT64, &fill);
-    H5Pset_filter(dcpl, FILTER_ID, H5Z_FLAG_MANDATORY, 6, cd);
+    H5Pset_filter(dcpl, ZV_H5_MERTAX_FILTER_ID, H5Z_FLAG_MANDATORY, 6, cd);
     if (fletcher32)
         H5Pset_fletcher32(dcpl);
     const hid_t dataset = H5Dcreate2(file, "d", CellType(cellBytes), space, H5P_DEFAULT, dcpl, H5P_DEFAULT);

@@ -129,4 +129,5 @@ PYBIND11_MODULE(_mertax, m)
           py::arg("threads") = 1);
     m.def("stream_cell_hint", &StreamCellHint, py::arg("data"));
     m.def("version", &mertax_version);
+    m.attr("FILTER_ID") = ZV_H5_MERTAX_FILTER_ID;
 }

@@ -4,6 +4,7 @@
 //
 //   HDF5_PLUGIN_PATH=<folder of libmertax.so> mertax_demo <output.h5>
 #include "SampleData.h"
+#include "mertax.h"
 
 #include <hdf5.h>
 
@@ -18,7 +19,6 @@
 
 namespace {
 
-constexpr H5Z_filter_t MERTAX_FILTER_ID = 32910;
 constexpr unsigned TOF_SINOGRAM_LEVEL = 0; // the codec's preset for TOF sinograms
 constexpr unsigned SINGLES_LEVEL = 9;      // and for singles counts
 constexpr unsigned GZIP_LEVEL = 4;         // h5py's default
@@ -112,7 +112,7 @@ int main(int argc, char** argv)
         return 2;
     }
     const std::string path = argv[1];
-    if (H5Zfilter_avail(MERTAX_FILTER_ID) <= 0)
+    if (H5Zfilter_avail(ZV_H5_MERTAX_FILTER_ID) <= 0)
         Fail("HDF5 cannot find filter 32910: set HDF5_PLUGIN_PATH to the folder that holds libmertax.so");
 
     const double MiB = 1024.0 * 1024.0;
@@ -133,7 +133,7 @@ int main(int argc, char** argv)
         {"", [](const SDataset& d) { return "mertax level " + std::to_string(d.level); },
          [](hid_t dcpl, const SDataset& d) {
              const unsigned cd[] = {1, 1, 0, 0, unsigned(H5Tget_size(d.type)), d.level};
-             H5Pset_filter(dcpl, MERTAX_FILTER_ID, H5Z_FLAG_MANDATORY, 6, cd);
+             H5Pset_filter(dcpl, ZV_H5_MERTAX_FILTER_ID, H5Z_FLAG_MANDATORY, 6, cd);
          }},
         {"_gzip", [](const SDataset&) { return "gzip level " + std::to_string(GZIP_LEVEL); },
          [](hid_t dcpl, const SDataset&) { H5Pset_deflate(dcpl, GZIP_LEVEL); }},

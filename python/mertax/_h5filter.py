@@ -17,7 +17,7 @@ except ImportError:  # without h5py: a plain mapping of the same keyword argumen
         def __len__(self):
             return 2
 
-FILTER_ID = 32910
+from ._mertax import FILTER_ID
 _CLIENT_DATA_VERSION = (1, 1)
 
 

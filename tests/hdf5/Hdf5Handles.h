@@ -3,6 +3,7 @@
 #pragma once
 
 #include "Hdf5Handle.h"
+#include "mertax.h"
 
 #include <hdf5.h>
 
@@ -10,7 +11,6 @@
 #include <utility>
 #include <vector>
 
-constexpr H5Z_filter_t MERTAX_FILTER_ID = 32910;
 
 inline CHid CreateFile(const std::string& path)
 {
@@ -48,7 +48,7 @@ inline CHid CreateFilteredDataset(hid_t file, const std::string& name, size_t ce
     CHid dcpl(H5Pcreate(H5P_DATASET_CREATE), H5Pclose);
     H5Pset_chunk(dcpl, int(chunk.size()), chunk.data());
     H5Pset_fill_value(dcpl, H5T_NATIVE_UINT64, &fill);
-    H5Pset_filter(dcpl, MERTAX_FILTER_ID, filterFlags, cd.size(), cd.data());
+    H5Pset_filter(dcpl, ZV_H5_MERTAX_FILTER_ID, filterFlags, cd.size(), cd.data());
     return CHid(H5Dcreate2(file, name.c_str(), UnsignedType(cellBytes), space, H5P_DEFAULT, dcpl, H5P_DEFAULT),
                 H5Dclose);
 }
@@ -82,7 +82,7 @@ inline SStoredFilter StoredFilter(hid_t dataset)
     size_t count = 16;
     stored.cd.resize(count);
     char name[128] = {};
-    H5Pget_filter_by_id2(dcpl, MERTAX_FILTER_ID, &stored.flags, &count, stored.cd.data(), sizeof name, name, nullptr);
+    H5Pget_filter_by_id2(dcpl, ZV_H5_MERTAX_FILTER_ID, &stored.flags, &count, stored.cd.data(), sizeof name, name, nullptr);
     stored.cd.resize(std::min<size_t>(count, 16));
     stored.name = name;
     return stored;

@@ -271,7 +271,7 @@ TEST_F(PluginEndToEnd, CellSizeZeroTakesTheDatatypeSize)
     const hsize_t chunk[] = {10};
     H5Pset_chunk(dcpl, 1, chunk);
     const unsigned cd[] = {1, 1, 0, 0, 0, 4};
-    H5Pset_filter(dcpl, MERTAX_FILTER_ID, H5Z_FLAG_MANDATORY, 6, cd);
+    H5Pset_filter(dcpl, ZV_H5_MERTAX_FILTER_ID, H5Z_FLAG_MANDATORY, 6, cd);
     CHid longDoubles(H5Dcreate2(file, "ld", H5T_NATIVE_LDOUBLE, floats, H5P_DEFAULT, dcpl, H5P_DEFAULT), H5Dclose);
     EXPECT_FALSE(longDoubles.Valid());
     EXPECT_EQ(out.Text(), "MERTAX filter cellBytes must be 1, 2, 4 or 8, not 16\n");

@@ -15,7 +15,6 @@
 
 namespace {
 
-constexpr H5Z_filter_t FILTER_ID = 32910;
 const char* const CLIENT_DATA_NAMES[] = {"filter version", "encode version", "bufferSize",
                                          "flags",          "cellBytes",      "compressLevel"};
 
@@ -86,7 +85,7 @@ bool FindFilter(hid_t dcpl, SDataset& d)
         const H5Z_filter_t id = H5Pget_filter2(dcpl, unsigned(i), &flags, &words, clientData.data(), 0, nullptr, nullptr);
         if (found) {
             d.after.push_back(id);
-        } else if (id == FILTER_ID) {
+        } else if (id == ZV_H5_MERTAX_FILTER_ID) {
             clientData.resize(std::min<size_t>(words, 6));
             d.clientData = clientData;
             d.position = unsigned(i);
