@@ -5,6 +5,7 @@
 // 95/96 of the short and medium skips, 8287 of the long one), non-match runs either side of the
 // run entry's 63, nibble runs either side of the stream's short (15) and byte (255) run lengths
 // and a run length equal to the escape. What the coders write must also read back.
+#include "KernelDispatch.h"
 #include "MapCoder.h"
 #include "NibbleCoder.h"
 #include "NonMatchMask.h"
@@ -56,12 +57,17 @@ void ExpectMapCodersAgree(const std::vector<uint8_t>& match, size_t skipped, Pie
         bits.Append(bitsOfPiece, count);
         s += count;
     }
-    std::vector<uint8_t> map(2 * SLOTS);
-    CMapCoder coder;
-    map.resize(coder.Code(words.data(), bits.Close(), skipped, map.data()));
-    ASSERT_EQ(map, plain.Map()) << what;
-    ASSERT_EQ(coder.RunTooLong(), plain.RunTooLong()) << what;
-    if (coder.RunTooLong())
+    const size_t slots = bits.Close();
+    // Every kernel set's coder by name, the vector step where the set has one.
+    std::vector<uint8_t> map;
+    for (EKernelSet set : SupportedKernelSets()) {
+        map.assign(2 * SLOTS, 0);
+        CMapCoder coder(KernelsOf(set).mapGroups);
+        map.resize(coder.Code(words.data(), slots, skipped, map.data()));
+        ASSERT_EQ(map, plain.Map()) << what << ", " << KernelsOf(set).name;
+        ASSERT_EQ(coder.RunTooLong(), plain.RunTooLong()) << what;
+    }
+    if (plain.RunTooLong())
         return; // a skip longer than the format holds: the encoder stores such a segment raw
     // The map reads back to the same slots (a match bit is 0, as the decoder keeps them).
     CNonMatchMask mask;
@@ -113,6 +119,25 @@ TEST(FastPath, MapCoderAgreesWithSlotBySlot)
         const size_t skipped = rng() % 3 == 0 ? rng() % (SLOTS - slots + 1) : 0;
         ExpectMapCodersAgree(RunsAndNoise(rng, slots, 2), skipped, [&] { return 1 + rng() % 64; },
                              "round " + std::to_string(round));
+    }
+}
+
+// Noise at densities from sparse to dense matches: long stretches of groups for the vector step,
+// broken by groups of six matches and by stretches of all-zero groups around its limit of ten.
+TEST(FastPath, MapCoderAgreesOnNoise)
+{
+    std::mt19937_64 rng(33);
+    for (unsigned percent : {3, 10, 30, 50, 70, 90}) {
+        for (int round = 0; round < 12; ++round) {
+            std::vector<uint8_t> match(2 * PLANE + rng() % PLANE);
+            for (uint8_t& m : match)
+                m = rng() % 100 < percent;
+            // All-zero stretches of 10, 11 and 12 groups, on and off the six-slot grid.
+            const size_t at = rng() % (match.size() - 80);
+            std::fill_n(match.begin() + std::ptrdiff_t(at), 60 + rng() % 13, 0);
+            ExpectMapCodersAgree(match, round % 3 == 0 ? 1 + rng() % 9 : 0, [&] { return 1 + rng() % 64; },
+                                 std::to_string(percent) + "% matches, round " + std::to_string(round));
+        }
     }
 }
 

@@ -129,14 +129,15 @@ TEST(KernelDispatch, EachSetRunsItsOwnKernels)
         const char* name;
         SlotSpreadFn spread;
         SlotClassifyFn classify;
+        MapGroupsFn mapGroups;
     } expected[] = {
-        {EKernelSet::PORTABLE, "portable", SpreadSlotsPortable, ClassifySlotsPortable},
+        {EKernelSet::PORTABLE, "portable", SpreadSlotsPortable, ClassifySlotsPortable, nullptr},
 #ifdef MERTAX_HAVE_X86_KERNELS
-        {EKernelSet::SSSE3, "ssse3", SpreadSlotsSsse3, ClassifySlotsSsse3},
-        {EKernelSet::AVX512, "avx512", SpreadSlotsAvx512, ClassifySlotsAvx512},
+        {EKernelSet::SSSE3, "ssse3", SpreadSlotsSsse3, ClassifySlotsSsse3, nullptr},
+        {EKernelSet::AVX512, "avx512", SpreadSlotsAvx512, ClassifySlotsAvx512, CodeMapGroupsAvx512},
 #endif
 #ifdef MERTAX_HAVE_NEON_KERNELS
-        {EKernelSet::NEON, "neon", SpreadSlotsNeon, ClassifySlotsNeon},
+        {EKernelSet::NEON, "neon", SpreadSlotsNeon, ClassifySlotsNeon, nullptr},
 #endif
     };
     for (const Expected& e : expected) {
@@ -145,6 +146,7 @@ TEST(KernelDispatch, EachSetRunsItsOwnKernels)
         EXPECT_STREQ(kernels.name, e.name);
         EXPECT_EQ(kernels.spread, e.spread);
         EXPECT_EQ(kernels.classify, e.classify);
+        EXPECT_EQ(kernels.mapGroups, e.mapGroups);
         const bool supported = std::find(SupportedKernelSets().begin(), SupportedKernelSets().end(), e.set) !=
                                SupportedKernelSets().end();
         EXPECT_EQ(UseKernelSet(e.set), supported);
@@ -178,7 +180,8 @@ TEST(KernelDispatch, TheDefaultIsTheWidestSetTheProcessorRuns)
     if (__builtin_cpu_supports("ssse3") && __builtin_cpu_supports("popcnt"))
         widest = EKernelSet::SSSE3;
     if (__builtin_cpu_supports("avx512f") && __builtin_cpu_supports("avx512bw") &&
-        __builtin_cpu_supports("avx512vbmi2"))
+        __builtin_cpu_supports("avx512vbmi") && __builtin_cpu_supports("avx512vbmi2") &&
+        __builtin_cpu_supports("bmi2"))
         widest = EKernelSet::AVX512;
 #endif
 #ifdef MERTAX_HAVE_NEON_KERNELS

@@ -4,13 +4,13 @@
 
 namespace {
 
-constexpr CKernels PORTABLE_KERNELS = {"portable", SpreadSlotsPortable, ClassifySlotsPortable};
+constexpr CKernels PORTABLE_KERNELS = {"portable", SpreadSlotsPortable, ClassifySlotsPortable, nullptr};
 #ifdef MERTAX_HAVE_X86_KERNELS
-constexpr CKernels SSSE3_KERNELS = {"ssse3", SpreadSlotsSsse3, ClassifySlotsSsse3};
-constexpr CKernels AVX512_KERNELS = {"avx512", SpreadSlotsAvx512, ClassifySlotsAvx512};
+constexpr CKernels SSSE3_KERNELS = {"ssse3", SpreadSlotsSsse3, ClassifySlotsSsse3, nullptr};
+constexpr CKernels AVX512_KERNELS = {"avx512", SpreadSlotsAvx512, ClassifySlotsAvx512, CodeMapGroupsAvx512};
 #endif
 #ifdef MERTAX_HAVE_NEON_KERNELS
-constexpr CKernels NEON_KERNELS = {"neon", SpreadSlotsNeon, ClassifySlotsNeon};
+constexpr CKernels NEON_KERNELS = {"neon", SpreadSlotsNeon, ClassifySlotsNeon, nullptr};
 #endif
 
 std::vector<EKernelSet> DetectKernelSets()
@@ -21,7 +21,8 @@ std::vector<EKernelSet> DetectKernelSets()
     if (__builtin_cpu_supports("ssse3") && __builtin_cpu_supports("popcnt"))
         sets.push_back(EKernelSet::SSSE3);
     if (__builtin_cpu_supports("avx512f") && __builtin_cpu_supports("avx512bw") &&
-        __builtin_cpu_supports("avx512vbmi2") && __builtin_cpu_supports("popcnt"))
+        __builtin_cpu_supports("avx512vbmi") && __builtin_cpu_supports("avx512vbmi2") &&
+        __builtin_cpu_supports("bmi2") && __builtin_cpu_supports("popcnt"))
         sets.push_back(EKernelSet::AVX512);
 #endif
 #ifdef MERTAX_HAVE_NEON_KERNELS

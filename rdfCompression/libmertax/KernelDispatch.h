@@ -5,6 +5,7 @@
 // picks another with UseKernelSet. SSE2 is part of the baseline and needs no choice.
 #pragma once
 
+#include "MapGroups.h"
 #include "SlotShuffle.h"
 
 #include <cstdint>
@@ -14,7 +15,7 @@ enum class EKernelSet : uint8_t
 {
     PORTABLE,
     SSSE3,  // SSSE3 shuffles with POPCNT
-    AVX512, // AVX-512 F, BW and VBMI2: byte expand and compress
+    AVX512, // AVX-512 F, BW, VBMI and VBMI2 with BMI2: byte expand and compress, the map's grid step
     NEON,   // AArch64's vector set, present on every such processor
 };
 
@@ -23,6 +24,7 @@ struct CKernels
     const char* name;
     SlotSpreadFn spread;
     SlotClassifyFn classify;
+    MapGroupsFn mapGroups; // null: the scalar map coder alone
 };
 
 // The sets this processor runs, the portable one first and the widest last.

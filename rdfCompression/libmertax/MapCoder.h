@@ -12,6 +12,7 @@
 #pragma once
 
 #include "BitOps.h"
+#include "MapGroups.h"
 
 #include <cstddef>
 #include <cstdint>
@@ -54,6 +55,9 @@ private:
 class CMapCoder
 {
 public:
+    // `groups`: the kernel set's vector step for stretches of groups, or null.
+    explicit CMapCoder(MapGroupsFn groups = nullptr) : m_groups(groups) {}
+
     // Codes the map of `slots` coded slots (at least one) into pMap; bit i of pMatches[i / 64] is
     // slot i's match bit, and two words after the last one must be readable. `skipped` matching
     // slots of the leading planes that are not coded come before slot 0. Returns the map's size.
@@ -79,7 +83,20 @@ public:
             pOut = PutRunCode(pOut, skipped, remainder, runTooLong);
             p = 1;
         }
+        size_t gridFrom = 0; // where the vector step may next be tried
         while (p < slots) {
+            if (m_groups != nullptr && p >= gridFrom && slots - p >= MAP_GROUPS_MIN_SLOTS) {
+                // Where runs come often the step stops early; it then pauses for a while, so
+                // that run-heavy data pays little for trying it.
+                const size_t coded = m_groups(pMatches, p, pOut);
+                if (coded < GRID_WORTHWHILE)
+                    gridFrom = p + coded + GRID_PAUSE;
+                if (coded != 0) {
+                    remainder = 0;
+                    p += coded;
+                    continue;
+                }
+            }
             size_t left = slots - p;
             uint64_t window = Window(pMatches, p);
             unsigned valid = left < 64 ? unsigned(left) : 64; // bits of window that are slots
@@ -242,5 +259,9 @@ private:
         return pOut;
     }
 
+    static constexpr size_t GRID_WORTHWHILE = 48; // slots: eight groups
+    static constexpr size_t GRID_PAUSE = 1024;    // slots
+
+    MapGroupsFn m_groups;
     bool m_runTooLong = false;
 };

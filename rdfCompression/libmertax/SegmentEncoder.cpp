@@ -2,8 +2,6 @@
 // nibble plane, and keeps the compressed form unless the raw bytes are shorter.
 #include "OptimalBiasDulo.h"
 
-#include "Report.h"
-
 #include "BitOps.h"
 #include "ByteAccess.h"
 #include "KernelDispatch.h"
@@ -189,7 +187,7 @@ size_t COptimalBiasDulo::Deflate(uint8_t* pUncData, const uint16_t& segSize, T s
         nibbles.Finish(uint8_t(bias & 0xF), pCmpBuff + hdrBytes, storedLength > hdrBytes ? storedLength - hdrBytes : 0);
     // A stream that alone outgrows the stored form decides the segment: its map is not needed.
     uint8_t cmpMap[WORST_CASE_COMP_MAP_SIZE];
-    CMapCoder map;
+    CMapCoder map(ActiveKernels().mapGroups);
     size_t mapSize = 0;
     if (hdrBytes + nonMatchLength <= storedLength || m_debugCompression > 10)
         mapSize = map.Code(matchWords, matchBits.Close(), skippedSlots, cmpMap);
