@@ -47,15 +47,16 @@ for block in "$snippets"/block*; do
         *.c) compile=(cc -std=c99) ;;
         *) compile=(c++ -std=c++17) ;;
     esac
-    # shellcheck disable=SC2046
-    "${compile[@]}" -Wall -Wextra -Werror -fPIC -c "$block" -o "$prefix/objects/$(basename "$block").o" \
+    # shellcheck disable=SC2046,SC2086
+    "${compile[@]}" -Wall -Wextra -Werror -fPIC $cflags -c "$block" -o "$prefix/objects/$(basename "$block").o" \
         $(pkg-config --cflags mertax-chunkio)
 done
-# shellcheck disable=SC2046
-c++ -shared -Wl,--no-undefined -o "$prefix/objects/snippets.so" "$prefix/objects"/*.o \
+# The chunk I/O archive of a sanitizer build needs the sanitizers' runtime, hence the flags.
+# shellcheck disable=SC2046,SC2086
+c++ -shared -Wl,--no-undefined $cflags -o "$prefix/objects/snippets.so" "$prefix/objects"/*.o \
     $(pkg-config --libs mertax mertax-chunkio)
 
 cmake -S "$here" -B "$prefix/consumer" -DCMAKE_PREFIX_PATH="$prefix" -DCMAKE_C_FLAGS="$cflags" \
-    -DCMAKE_EXE_LINKER_FLAGS="$cflags" -DSNIPPETS="$(echo "$snippets"/block* | tr ' ' ';')" >/dev/null
+    -DCMAKE_CXX_FLAGS="$cflags" -DCMAKE_EXE_LINKER_FLAGS="$cflags" -DCMAKE_SHARED_LINKER_FLAGS="$cflags" -DSNIPPETS="$(echo "$snippets"/block* | tr ' ' ';')" >/dev/null
 cmake --build "$prefix/consumer" >/dev/null
 env -u LD_LIBRARY_PATH "$prefix/consumer/c_api_test"
