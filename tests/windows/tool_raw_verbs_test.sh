@@ -26,8 +26,8 @@ for file in "$golden"/*.mtx; do
     cell=$((bits / 8))
     level=${name#*-level}
     level=${level%%-*}
-    run expand --cell "$cell" "$file" "$work/raw" || { fail "$name: expand"; continue; }
-    run compress --cell "$cell" --level "$level" "$work/raw" "$work/again.mtx" || { fail "$name: compress"; continue; }
+    run expand --cell "$cell" "$file" "$work/raw" || { fail "$name: expand, status $?"; continue; }
+    run compress --cell "$cell" --level "$level" "$work/raw" "$work/again.mtx" || { fail "$name: compress, status $?"; continue; }
     if [[ $name == *-plain-* ]]; then
         run expand --cell "$cell" "$work/again.mtx" "$work/raw2" && cmp -s "$work/raw" "$work/raw2" ||
             fail "$name: round trip"
