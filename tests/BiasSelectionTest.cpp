@@ -258,18 +258,28 @@ Bytes Compress(COptimalBiasDulo& codec, std::vector<T> cells)
 
 TEST(CompressionLevels, SegmentMinimumAtLevelNine)
 {
-    std::vector<uint16_t> cells(100);
-    for (size_t i = 0; i < cells.size(); ++i)
-        cells[i] = uint16_t(300 + i);
-    for (bool reduce : {false, true}) {
+    // 16-bit cells from `low` to `high`: under word-size reduction the minimum is removed only
+    // where every value is below 256 (the segment is then coded as bytes, 8192 of them here).
+    const struct
+    {
+        size_t count;
+        uint16_t low, high;
+        bool reduce;
+        uint64_t segmin; // 0: no field
+    } shorts[] = {{100, 300, 399, false, 300}, {100, 300, 399, true, 0}, {4096, 1, 255, true, 1},
+                  {4096, 2, 256, true, 0}, {2048, 1, 256, false, 1}};
+    for (const auto& c : shorts) {
+        std::vector<uint16_t> cells(c.count);
+        for (size_t i = 0; i < cells.size(); ++i)
+            cells[i] = uint16_t(c.low + i % (c.high - c.low + 1));
         COptimalBiasDulo codec;
         codec.SetCompressLevel(9);
-        if (reduce)
+        if (c.reduce)
             codec.SetReduceWordSize();
         const auto segs = SegmentsOf(Compress(codec, cells), 2);
-        ASSERT_EQ(segs.size(), 1u);
-        EXPECT_EQ(segs[0].hasSegmin, !reduce);
-        EXPECT_EQ(segs[0].segmin, reduce ? 0u : 300u);
+        ASSERT_FALSE(segs.empty());
+        EXPECT_EQ(segs[0].hasSegmin, c.segmin != 0) << c.high;
+        EXPECT_EQ(segs[0].segmin, c.segmin) << c.high;
     }
     struct Case
     {
@@ -287,8 +297,10 @@ TEST(CompressionLevels, SegmentMinimumAtLevelNine)
 TEST(CompressionLevels, MinimumScanStopsAtTheFirstZero)
 {
     // 300 cells of 50 with a zero at `zero`: the scan's report names the cells it looked at.
-    const std::pair<size_t, std::string> cases[] = {{3, "0x0 e: 4"},
+    const std::pair<size_t, std::string> cases[] = {{0, "0x0 e: 1"},
+                                                    {3, "0x0 e: 4"},
                                                     {64, "0x0 e: 65"},
+                                                    {65, "0x0 e: 66"},
                                                     {200, "0x0 e: 201"},
                                                     {299, "0x0 e: 300"},
                                                     {300, "0x32 e: 300"}};
