@@ -47,6 +47,12 @@ def test_standard_input_and_output():
     assert compressed.returncode == 0 and 0 < len(compressed.stdout) < len(data)
     expanded = run("expand", "--cell", 2, "-", "-", stdin=compressed.stdout)
     assert expanded.returncode == 0 and expanded.stdout == data
+    for verb in ("compress", "expand"):  # nothing in, nothing out
+        empty = run(verb, "--cell", 2, "-", "-", stdin=b"")
+        assert (empty.returncode, empty.stdout) == (0, b"")
+    partial = run("compress", "--cell", 2, "-", "-", stdin=b"12345")
+    assert partial.returncode == 1 and partial.stdout == b""
+    assert partial.stderr == b"mertax: - holds 5 bytes, not a whole number of 2-byte cells\n"
 
 
 def test_damaged_stream_says_where_and_leaves_nothing(tmp_path):

@@ -49,6 +49,15 @@ def test_crafted_streams_are_refused_before_anything_is_allocated(blob, words):
         mertax.numcodecs.Mertax(cell_bytes=1).decode(blob, out=np.empty(65535, np.uint8))
 
 
+def test_the_compiled_module_refuses_buffers_that_are_not_contiguous():
+    strided = memoryview(np.arange(40, dtype="u1"))[::2]
+    with pytest.raises(ValueError, match="C-contiguous"):
+        mertax._mertax.compress(strided, 1, 4)
+    blob = mertax.compress(np.arange(20, dtype="u1"))
+    with pytest.raises(ValueError, match="C-contiguous"):
+        mertax._mertax.decompress_into(blob, 1, memoryview(bytearray(40))[::2])
+
+
 def test_cells_of_another_width_are_refused():
     blob = mertax.compress(counts("u4", 1000))
     with pytest.raises(ValueError, match="holds 32-bit cells, not 16-bit ones"):
