@@ -118,6 +118,15 @@ TEST_F(ThreadedChunkIO, FailuresAreReported)
         CThreadedChunkIO reader(good, 3);
         EXPECT_FALSE(reader.Read(back.data()));
         EXPECT_NE(reader.Error().find("chunk 1: damaged data: segment"), std::string::npos) << reader.Error();
+        // A chunk stored with the filter skipped (mask bit 0) holds the cells themselves.
+        ASSERT_GE(H5Dwrite_chunk(good, H5P_DEFAULT, 1, offset, 20000, data.data() + 20000), 0);
+        CThreadedChunkIO raw(good, 2);
+        EXPECT_TRUE(raw.Read(back.data())) << raw.Error();
+        EXPECT_EQ(back, data);
+        ASSERT_GE(H5Dwrite_chunk(good, H5P_DEFAULT, 1, offset, 19998, data.data() + 20000), 0);
+        CThreadedChunkIO cut(good, 2);
+        EXPECT_FALSE(cut.Read(back.data()));
+        EXPECT_EQ(cut.Error(), "chunk 1 is stored unfiltered with the wrong size");
     }
     // A file opened read-only takes no chunk: the first write fails and says so.
     CHid file(H5Fopen(m_path.c_str(), H5F_ACC_RDONLY, H5P_DEFAULT), H5Fclose);
