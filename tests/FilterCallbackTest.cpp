@@ -192,14 +192,17 @@ TEST(FilterCallback, CompressionFailureLeavesTheChunkAndSaysSo)
     {
         const char* what;
         std::vector<unsigned> cd;
+        const char* reason; // on HDF5's error stack
     } cases[] = {
-        {"cell size 3", ClientData(999, 3, 4)},
-        {"cell size 2 for an odd byte count", ClientData(999, 2, 4)},
-        {"no client data", {}},
-        {"another encode version", {1, 2, 999, 0, 1, 4}},
+        {"cell size 3", ClientData(999, 3, 4), "cellBytes must be 1, 2, 4 or 8, not 3"},
+        {"cell size 2 for an odd byte count", ClientData(999, 2, 4),
+         "a chunk of 999 bytes is not a whole number of 2-byte cells"},
+        {"no client data", {}, "cellBytes must be 1, 2, 4 or 8, not 0"},
+        {"another encode version", {1, 2, 999, 0, 1, 4}, "cellBytes must be 1, 2, 4 or 8, not 0"},
     };
     for (const Case& c : cases) {
         SCOPED_TRACE(c.what);
+        H5Eclear2(H5E_DEFAULT);
         CChunkBuffer chunk(raw);
         const void* before = chunk.m_buf;
         CCapturedStream err(std::cerr);
@@ -211,6 +214,15 @@ TEST(FilterCallback, CompressionFailureLeavesTheChunkAndSaysSo)
         const std::string last = "Error: MERTAX compress unsuccessful \n";
         ASSERT_GE(text.size(), last.size());
         EXPECT_EQ(text.substr(text.size() - last.size()), last);
+        std::string stack;
+        H5Ewalk2(
+            H5E_DEFAULT, H5E_WALK_UPWARD,
+            [](unsigned, const H5E_error2_t* e, void* p) -> herr_t {
+                *static_cast<std::string*>(p) += e->desc != nullptr ? e->desc : "";
+                return 0;
+            },
+            &stack);
+        EXPECT_EQ(stack, std::string("MERTAX compress unsuccessful: ") + c.reason);
     }
 }
 
