@@ -46,19 +46,6 @@ std::vector<unsigned> ClientData(unsigned bufferSize, unsigned cellBytes, unsign
     return {1, 1, bufferSize, 0, cellBytes, level};
 }
 
-class CDebugSwitch
-{
-public:
-    explicit CDebugSwitch(const char* value)
-    {
-        if (value != nullptr)
-            setenv("MERTAX_DEBUG", value, 1);
-        else
-            unsetenv("MERTAX_DEBUG");
-    }
-    ~CDebugSwitch() { unsetenv("MERTAX_DEBUG"); }
-};
-
 // The chunk compressed by the filter function; a failed compression fails the test.
 std::vector<uint8_t> CompressedChunk(const std::vector<uint8_t>& raw, unsigned cellBytes, unsigned level)
 {
@@ -249,7 +236,7 @@ TEST(FilterCallback, DebugLinesFollowMertaxDebug)
     } cases[] = {{nullptr, false}, {"", false}, {"0", false}, {"no", false}, {"1", true}, {"y", true}, {"Yes", true}};
     for (const Case& c : cases) {
         SCOPED_TRACE(c.value ? c.value : "unset");
-        CDebugSwitch debug(c.value);
+        SetEnvironment("MERTAX_DEBUG", c.value);
 
         CChunkBuffer reading(compressed);
         CCapturedStream readOut(std::cout);
@@ -271,6 +258,7 @@ TEST(FilterCallback, DebugLinesFollowMertaxDebug)
         ASSERT_NE(writing8.Run(0, ClientData(3000, 1, 9), raw8.size()), 0u);
         EXPECT_EQ(write8Out.Text(), "");
     }
+    SetEnvironment("MERTAX_DEBUG", nullptr);
 }
 
 TEST(FilterCallback, CanApplyAcceptsEveryDatatype)
