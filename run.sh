@@ -148,7 +148,9 @@ run_test_windows() {
     [ -d "$WINEPREFIX" ] || /usr/lib/wine/wine64 wineboot --init >/dev/null 2>&1
     # One wine server for the whole run: left to itself it stops 3 s after its last process, and a
     # test starting just then fails with no message (1 run in 10 here). Its services are started
-    # now, with no test's output pipe to hold open.
+    # now, with no test's output pipe to hold open. A server still running (the one wineboot
+    # started) must stop first: -p refuses to start beside it.
+    timeout 60 /usr/lib/wine/wineserver -w || { /usr/lib/wine/wineserver -k; sleep 1; } || true
     /usr/lib/wine/wineserver -p </dev/null >/dev/null 2>&1
     /usr/lib/wine/wine64 wineboot </dev/null >/dev/null 2>&1
     trap '/usr/lib/wine/wineserver -k || true' EXIT
