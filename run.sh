@@ -79,6 +79,9 @@ run_bench() {
     echo "== The codec alone, every level"
     ./build/bench/buffer_bench "$@"
     echo
+    echo "== The kernel sets this processor runs, level 4"
+    ./build/bench/kernel_set_bench "$@"
+    echo
     echo "== Against other compressors, in memory"
     ./build/bench/codec_comparison_bench "$@" --csv "$out/in_memory.csv"
     echo

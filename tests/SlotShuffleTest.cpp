@@ -134,6 +134,7 @@ TEST(KernelDispatch, EachSetRunsItsOwnKernels)
         {EKernelSet::PORTABLE, "portable", SpreadSlotsPortable, ClassifySlotsPortable, nullptr},
 #ifdef MERTAX_HAVE_X86_KERNELS
         {EKernelSet::SSSE3, "ssse3", SpreadSlotsSsse3, ClassifySlotsSsse3, nullptr},
+        {EKernelSet::AVX2, "avx2", SpreadSlotsSsse3, ClassifySlotsSsse3, CodeMapGroupsAvx2},
         {EKernelSet::AVX512, "avx512", SpreadSlotsAvx512, ClassifySlotsAvx512, CodeMapGroupsAvx512},
 #endif
 #ifdef MERTAX_HAVE_NEON_KERNELS
@@ -160,7 +161,7 @@ TEST(KernelDispatch, EachSetRunsItsOwnKernels)
 TEST(KernelDispatch, ASetOfAnotherArchitectureIsRefused)
 {
 #ifdef MERTAX_HAVE_NEON_KERNELS
-    const EKernelSet foreign[] = {EKernelSet::SSSE3, EKernelSet::AVX512};
+    const EKernelSet foreign[] = {EKernelSet::SSSE3, EKernelSet::AVX2, EKernelSet::AVX512};
 #else
     const EKernelSet foreign[] = {EKernelSet::NEON};
 #endif
@@ -179,6 +180,8 @@ TEST(KernelDispatch, TheDefaultIsTheWidestSetTheProcessorRuns)
     __builtin_cpu_init();
     if (__builtin_cpu_supports("ssse3") && __builtin_cpu_supports("popcnt"))
         widest = EKernelSet::SSSE3;
+    if (__builtin_cpu_supports("avx2") && __builtin_cpu_supports("bmi"))
+        widest = EKernelSet::AVX2;
     if (__builtin_cpu_supports("avx512f") && __builtin_cpu_supports("avx512bw") &&
         __builtin_cpu_supports("avx512vbmi") && __builtin_cpu_supports("avx512vbmi2") &&
         __builtin_cpu_supports("bmi2"))

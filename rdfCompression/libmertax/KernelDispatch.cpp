@@ -7,6 +7,7 @@ namespace {
 constexpr CKernels PORTABLE_KERNELS = {"portable", SpreadSlotsPortable, ClassifySlotsPortable, nullptr};
 #ifdef MERTAX_HAVE_X86_KERNELS
 constexpr CKernels SSSE3_KERNELS = {"ssse3", SpreadSlotsSsse3, ClassifySlotsSsse3, nullptr};
+constexpr CKernels AVX2_KERNELS = {"avx2", SpreadSlotsSsse3, ClassifySlotsSsse3, CodeMapGroupsAvx2};
 constexpr CKernels AVX512_KERNELS = {"avx512", SpreadSlotsAvx512, ClassifySlotsAvx512, CodeMapGroupsAvx512};
 #endif
 #ifdef MERTAX_HAVE_NEON_KERNELS
@@ -20,6 +21,9 @@ std::vector<EKernelSet> DetectKernelSets()
     __builtin_cpu_init();
     if (__builtin_cpu_supports("ssse3") && __builtin_cpu_supports("popcnt"))
         sets.push_back(EKernelSet::SSSE3);
+    if (__builtin_cpu_supports("ssse3") && __builtin_cpu_supports("avx2") && __builtin_cpu_supports("bmi") &&
+        __builtin_cpu_supports("popcnt"))
+        sets.push_back(EKernelSet::AVX2);
     if (__builtin_cpu_supports("avx512f") && __builtin_cpu_supports("avx512bw") &&
         __builtin_cpu_supports("avx512vbmi") && __builtin_cpu_supports("avx512vbmi2") &&
         __builtin_cpu_supports("bmi2") && __builtin_cpu_supports("popcnt"))
@@ -47,6 +51,8 @@ const CKernels& KernelsOf(EKernelSet set)
 #ifdef MERTAX_HAVE_X86_KERNELS
     case EKernelSet::SSSE3:
         return SSSE3_KERNELS;
+    case EKernelSet::AVX2:
+        return AVX2_KERNELS;
     case EKernelSet::AVX512:
         return AVX512_KERNELS;
 #endif

@@ -15,6 +15,7 @@ enum class EKernelSet : uint8_t
 {
     PORTABLE,
     SSSE3,  // SSSE3 shuffles with POPCNT
+    AVX2,   // the SSSE3 shuffles and the map's grid step on AVX2 (with BMI1 and POPCNT)
     AVX512, // AVX-512 F, BW, VBMI and VBMI2 with BMI2: byte expand and compress, the map's grid step
     NEON,   // AArch64's vector set, present on every such processor
 };

@@ -8,7 +8,7 @@
 #include <cstdint>
 
 // Codes the groups from slot p of the match bits (bit i of pMatches[i / 64] is slot i) as the
-// scalar coder would at the same position, stopping before a group of six matches that opens a
+// scalar coder would at the same position, up to 64 groups (the AVX2 step takes 32), stopping before a group of six matches that opens a
 // run, before a stretch of over ten all-zero groups, and before all-zero groups that reach the
 // step's end. Appends the entries at pOut and advances it; returns the slots coded (a multiple of
 // six, possibly 0). At least MAP_GROUPS_MIN_SLOTS slots must follow p.
@@ -17,5 +17,6 @@ using MapGroupsFn = size_t (*)(const uint64_t* pMatches, size_t p, uint8_t*& pOu
 constexpr size_t MAP_GROUPS_MIN_SLOTS = 512;
 
 #if defined(__x86_64__)
+size_t CodeMapGroupsAvx2(const uint64_t* pMatches, size_t p, uint8_t*& pOut);
 size_t CodeMapGroupsAvx512(const uint64_t* pMatches, size_t p, uint8_t*& pOut);
 #endif
