@@ -2,10 +2,10 @@
 // one thread, the sets taking turns run by run so that the machine's drift hits them alike.
 // Prints MB/s and each set's speed relative to the portable one.
 //
-//     kernel_set_bench [--quick] [--set NAME]
+//     kernel_set_bench [--quick] [--set NAME [DATA SET]]
 //
-// `--set NAME` runs that set alone, once per data set: for instruction counts under callgrind
-// (which runs neither AVX-512 nor the timing loop usefully).
+// `--set NAME` runs that set alone, one round trip per data set (or of the one named): for
+// instruction counts under callgrind (which runs neither AVX-512 nor the timing loop usefully).
 #include "KernelDispatch.h"
 #include "OptimalBiasDulo.h"
 #include "SampleData.h"
@@ -59,7 +59,7 @@ bool TimeRoundTrip(const SSampleBuffer& sample, SRoundTrip& work, double& compre
     return size != 0 && out == sample.bytes.size() && work.expanded == sample.bytes;
 }
 
-int RunOneSet(const std::string& name)
+int RunOneSet(const std::string& name, const std::string& only)
 {
     for (EKernelSet set : SupportedKernelSets()) {
         if (name != KernelsOf(set).name)
@@ -67,6 +67,8 @@ int RunOneSet(const std::string& name)
         UseKernelSet(set);
         for (EDataSet data : ALL_DATA_SETS) {
             const SSampleBuffer sample = MakeDataSet(data, 1 << 20);
+            if (!only.empty() && only != sample.name)
+                continue;
             SRoundTrip work;
             double compress = 0;
             double expand = 0;
@@ -90,7 +92,7 @@ int main(int argc, char** argv)
         if (std::strcmp(argv[i], "--quick") == 0)
             quick = true;
         else if (std::strcmp(argv[i], "--set") == 0 && i + 1 < argc)
-            return RunOneSet(argv[++i]);
+            return RunOneSet(argv[i + 1], i + 2 < argc ? argv[i + 2] : "");
     }
     const int runs = quick ? 5 : 31;
     const std::vector<EKernelSet>& sets = SupportedKernelSets();

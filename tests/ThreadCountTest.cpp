@@ -63,10 +63,11 @@ std::vector<CSetup> Setups()
 
 TEST(ThreadCount, BytesAndCarriedHintAreThoseOfOneThread)
 {
-    // 100 KiB + 6 cells: a short last segment. Two calls on one codec: the second starts from the
-    // hint and segment count the first left.
+    // 128 KiB + 6 cells: 33 segments, one past a whole number of the pool's tasks, the last one
+    // short. Two calls on one codec: the second starts from the hint and segment count the first
+    // left.
     for (const CSetup& s : Setups()) {
-        const size_t count = (100 * 1024) / s.cellBytes + 6;
+        const size_t count = (128 * 1024) / s.cellBytes + 6;
         const Bytes first = Cells(s.cellBytes, count, 1), second = Cells(s.cellBytes, count + 700, 2);
         COptimalBiasDulo one = Codec(s);
         const Bytes expected1 = Compress(one, first, s.cellBytes, 1);
