@@ -106,8 +106,9 @@ def read_direct(dset, threads=None):
         info = dset.id.get_chunk_info_by_coord(origin)
         if info.byte_offset is None:  # never written: the fill value, already in out
             return origin, None, 0
-        mask, blob = dset.id.read_direct_chunk(origin)
-        return origin, blob, mask
+        # The mask from the chunk index: read_direct_chunk reports 0 for a chunk stored unfiltered.
+        _, blob = dset.id.read_direct_chunk(origin)
+        return origin, blob, info.filter_mask
 
     def expand(job):
         origin, blob, mask = job

@@ -201,3 +201,22 @@ def test_read_direct_and_the_filter_agree_on_trailing_bytes(tmp_path):
             d[...]
         with pytest.raises(ValueError, match="too short or runs past"):
             mertax.read_direct(d)
+
+
+@pytest.mark.parametrize("make, words", [
+    (lambda: mertax.Mertax(level=10), "level must be 0 to 9, not 10"),
+    (lambda: mertax.Mertax(level=-1), "level must be 0 to 9, not -1"),
+    (lambda: mertax.Mertax(cell_bytes=3), "cell_bytes must be 0, 1, 2, 4 or 8, not 3"),
+    (lambda: mertax.numcodecs.Mertax(level=10), "level must be 0 to 9, not 10"),
+    (lambda: mertax.numcodecs.Mertax(cell_bytes=16), "cell_bytes must be 1, 2, 4 or 8, not 16"),
+])
+def test_helpers_refuse_what_the_filter_refuses(make, words):
+    with pytest.raises(ValueError, match=words):
+        make()
+
+
+def test_helpers_default_to_level_4_and_the_dataset_cell_width():
+    assert tuple(mertax.Mertax().filter_options) == (1, 1, 0, 0, 0, 4)
+    assert mertax.numcodecs.Mertax().get_config() == {"id": "mertax", "level": 4, "cell_bytes": None}
+    data = counts("u2", 5000)
+    assert mertax.compress(data) == mertax.compress(data, level=4)

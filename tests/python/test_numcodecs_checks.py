@@ -17,7 +17,7 @@ ARRAYS = [
     np.random.default_rng(2).poisson(3, 4000).astype("u4"),
     np.linspace(0, 1000, 2000, dtype="u8").reshape(10, 200),
     np.arange(3000, dtype="i2") - 1500,
-    np.array([b"abc", b"de", b"fghij"] * 100, dtype="S5"),  # item size 5: coded as bytes
+    np.array([b"abc", b"de", b"fghij"] * 101, dtype="S5"),  # item size 5, an odd byte count: coded as bytes
     np.zeros(300, dtype="u2,u1"),  # structured, item size 3
 ]
 
