@@ -78,15 +78,38 @@ TEST(Compress, CutsTheInputIntoSegments)
     EXPECT_EQ(SegmentSizes(CompressBytes(plain, Bytes(5000, 3), 2)), (std::vector<size_t>{4096, 904}));
 
     // With word-size reduction, 16-bit cells below 256 go 4096 at a time, coded as bytes; a cell
-    // of 256 within the 8192 bytes ahead makes that segment 4096 bytes of 16-bit cells.
-    std::vector<uint16_t> cells(10000, 0x11);
-    COptimalBiasDulo reducing;
-    reducing.SetReduceWordSize();
-    Bytes input(reinterpret_cast<uint8_t*>(cells.data()), reinterpret_cast<uint8_t*>(cells.data() + cells.size()));
-    EXPECT_EQ(SegmentSizes(CompressBytes(reducing, input, 2)), (std::vector<size_t>{4096, 4096, 1808}));
-    cells[6000] = 256;
-    input.assign(reinterpret_cast<uint8_t*>(cells.data()), reinterpret_cast<uint8_t*>(cells.data() + cells.size()));
-    EXPECT_EQ(SegmentSizes(CompressBytes(reducing, input, 2)), (std::vector<size_t>{4096, 4096, 3856}));
+    // of 256 within the 8192 bytes ahead makes that segment 4096 bytes of 16-bit cells. The cell
+    // of 256 sits first, last and just past those 8192 bytes, and among the cells of a last piece
+    // that is not a whole number of 8 bytes, which are tested one by one. (Cells below 256 that
+    // end up in a 4096-byte segment are coded as 2048 bytes.)
+    struct Case
+    {
+        size_t cells;
+        size_t big; // the index of the cell of 256, or none
+        std::vector<size_t> sizes;
+    };
+    const size_t NONE = SIZE_MAX;
+    const Case cases[] = {
+        {10000, NONE, {4096, 4096, 1808}},     {10000, 6000, {4096, 4096, 3856}}, {10000, 0, {4096, 4096, 3856}},
+        {10000, 4095, {2048, 4096, 4096, 1808}}, {10000, 4096, {4096, 4096, 3856}}, {4103, 4102, {4096, 14}},
+        {4103, 4100, {4096, 14}},              {4099, NONE, {4096, 3}},           {4103, NONE, {4096, 7}},
+        {3001, 3000, {2048, 1906}},            {3003, 3001, {2048, 1910}},        {3003, NONE, {3003}},
+    };
+    for (const Case& c : cases) {
+        std::vector<uint16_t> cells(c.cells, 0x11);
+        if (c.big != NONE)
+            cells[c.big] = 256;
+        COptimalBiasDulo reducing;
+        reducing.SetReduceWordSize();
+        const Bytes input(reinterpret_cast<uint8_t*>(cells.data()), reinterpret_cast<uint8_t*>(cells.data() + cells.size()));
+        const Bytes cmp = CompressBytes(reducing, input, 2);
+        EXPECT_EQ(SegmentSizes(cmp), c.sizes) << c.cells << " cells, 256 at " << c.big;
+        COptimalBiasDulo expander;
+        expander.SetInflateWordSize(2);
+        Bytes out(input.size());
+        EXPECT_EQ(expander.Decompress(cmp.data(), cmp.size(), out.data(), out.size()), input.size());
+        EXPECT_EQ(out, input) << c.cells << " cells, 256 at " << c.big;
+    }
 }
 
 TEST(Compress, NeverWritesPastASmallBufferForAnEnlargedSegment)
@@ -100,6 +123,18 @@ TEST(Compress, NeverWritesPastASmallBufferForAnEnlargedSegment)
     CCapturedStream captured(std::cerr);
     EXPECT_EQ(codec.Compress(input.data(), input.size(), 2, out.data(), out.size()), 0u);
     EXPECT_NE(captured.Text().find("Error: Halting DULO after compressing 0 bytes"), std::string::npos);
+
+    // The same after a first segment: the room left, not the buffer's size, must hold the worst case.
+    const Bytes first(4096, 0x34);
+    COptimalBiasDulo probe;
+    probe.SetReduceWordSize();
+    const size_t firstSize = CompressBytes(probe, first, 2).size();
+    const Bytes both = Concat({first, input});
+    COptimalBiasDulo second;
+    second.SetReduceWordSize();
+    Bytes room(firstSize + second.GetWorstCaseCmpBufSize(2, 8192) - 1);
+    EXPECT_EQ(second.Compress(Bytes(both).data(), both.size(), 2, room.data(), room.size()), 0u);
+    EXPECT_NE(captured.Text().find("Error: Halting DULO after compressing 4096 bytes"), std::string::npos);
 }
 
 // Compresses into a buffer of exactly the worst-case size and expands into one of exactly the
