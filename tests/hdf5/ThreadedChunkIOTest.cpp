@@ -106,9 +106,24 @@ TEST_F(ThreadedChunkIO, FailuresAreReported)
         EXPECT_FALSE(io.Valid());
         EXPECT_FALSE(io.Write(data.data()));
         EXPECT_EQ(io.Error(), "the dataset is not chunked with filter 32910 as its only filter");
+        // Ours with a checksum after it, and another filter alone with as many words as ours.
+        const unsigned cd[] = {1, 1, 0, 0, 0, 4};
+        for (const char* name : {"with_checksum", "other_filter"}) {
+            CHid other(H5Pcreate(H5P_DATASET_CREATE), H5Pclose);
+            H5Pset_chunk(other, 1, chunk);
+            const bool checksum = name[0] == 'w';
+            H5Pset_filter(other, checksum ? ZV_H5_MERTAX_FILTER_ID : ZV_H5_MERTAX_FILTER_ID + 1, H5Z_FLAG_OPTIONAL, 6, cd);
+            if (checksum)
+                H5Pset_fletcher32(other);
+            CHid dset(H5Dcreate2(file, name, H5T_NATIVE_UINT16, space, H5P_DEFAULT, other, H5P_DEFAULT), H5Dclose);
+            ASSERT_GE(hid_t(dset), 0) << name;
+            EXPECT_EQ(CThreadedChunkIO(dset, 2).Error(), "the dataset is not chunked with filter 32910 as its only filter")
+                << name;
+        }
 
         CHid good = CreateFilteredDataset(file, "good", 2, {40000}, {10000}, {1, 1, 0, 0, 0, 4});
-        ASSERT_TRUE(CThreadedChunkIO(good, 2).Write(data.data()));
+        CThreadedChunkIO goodIo(good, 2);
+        ASSERT_TRUE(goodIo.Write(data.data())) << goodIo.Error();
         // A damaged chunk fails the read with where it broke.
         std::vector<uint8_t> second = RawChunk(good, {10000});
         second.resize(second.size() - 8);
