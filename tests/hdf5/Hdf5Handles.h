@@ -5,12 +5,20 @@
 #include "Hdf5Handle.h"
 #include "mertax.h"
 
+#include <gtest/gtest.h>
 #include <hdf5.h>
+#include <unistd.h>
 
 #include <string>
 #include <utility>
 #include <vector>
 
+// A scratch file for the running test; the process id keeps builds tested side by side apart.
+inline std::string ScratchFile(const std::string& prefix)
+{
+    return testing::TempDir() + prefix + std::to_string(getpid()) + "_" +
+           testing::UnitTest::GetInstance()->current_test_info()->name() + ".h5";
+}
 
 inline CHid CreateFile(const std::string& path)
 {

@@ -18,8 +18,7 @@ protected:
     {
         // Failures are expected in some tests; they are checked through return values.
         H5Eset_auto2(H5E_DEFAULT, nullptr, nullptr);
-        const testing::TestInfo* info = testing::UnitTest::GetInstance()->current_test_info();
-        m_path = testing::TempDir() + "mertax_" + info->name() + ".h5";
+        m_path = ScratchFile("mertax_");
     }
     void TearDown() override
     {

@@ -16,8 +16,7 @@ protected:
     void SetUp() override
     {
         H5Eset_auto2(H5E_DEFAULT, nullptr, nullptr);
-        m_path = testing::TempDir() + "mertax_threaded_" +
-                 testing::UnitTest::GetInstance()->current_test_info()->name() + ".h5";
+        m_path = ScratchFile("mertax_threaded_");
     }
     void TearDown() override { std::remove(m_path.c_str()); }
     std::string m_path;
