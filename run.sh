@@ -4,8 +4,8 @@
 #   ./run.sh demo            install what is missing, build, write and read sample detector data
 #                            through the HDF5 plugin next to gzip, from C++ and from Python, and
 #                            inspect the file with the mertax tool
-#   ./run.sh bench [--quick] build and print the benchmark tables: the codec per level, and
-#                            against other compressors and HDF5 filters (also as CSV)
+#   ./run.sh bench [--quick] build and print the benchmark tables: the codec per level and per
+#                            kernel set, and against other compressors and HDF5 filters (also as CSV)
 #   ./run.sh fuzz [SECONDS]  build the fuzz targets with clang, ASan and UBSan, and run each for
 #                            SECONDS (default 60), starting from the saved corpus
 #   ./run.sh mutants FILE... apply simple faults to a scratch copy of the files one at a time and
