@@ -7,10 +7,12 @@ files, rebuilds that copy incrementally, runs the test suite, and lists the faul
     MUTANTS_LINES=first-last          only those lines of each file
     MUTANTS_TARGETS="a b"             rebuild only these build targets per fault (faster; pair
                                       with MUTANTS_TESTS naming tests those targets hold)
+    MUTANTS_TIMEOUT=seconds           a test that runs longer is stopped, its fault caught (120)
 
 Faults: comparisons turned (< <=, > >=, == !=), && and || swapped, + and - swapped, integer
 constants off by one, a condition negated, and a statement that returns early or breaks removed.
-A fault that does not compile is not counted. Slow: a rebuild and a test run per fault.
+A fault that does not compile is not counted; Python docstrings and comments are left alone.
+Slow: a rebuild and a test run per fault.
 """
 import os
 import re
@@ -35,9 +37,10 @@ OPERATORS = [
 DROPPED = re.compile(r"^\s*(return\b[^;]*;|break;|continue;)\s*$")
 
 
-def mutants(line):
-    """Every mutated form of one source line, with a short description."""
-    code = line.split("//")[0]
+def mutants(line, comment):
+    """Every mutated form of one source line, with a short description; `comment` opens a
+    comment in the line's language."""
+    code = line.split(comment)[0]
     if code.lstrip().startswith(("#", "*", "/*")) or '"' in code:
         return
     for pattern, replacement in OPERATORS:
@@ -48,6 +51,18 @@ def mutants(line):
                 yield f"{m.group(0)!r} -> {new!r}", mutated + line[len(code):]
     if DROPPED.match(code):
         yield "statement removed", "\n"
+
+
+def python_docstring_lines(lines):
+    """The numbers of the lines that lie inside triple-quoted strings: text, not code."""
+    inside, numbers = False, set()
+    for number, line in enumerate(lines, 1):
+        quotes = line.count('"""')
+        if inside or quotes:
+            numbers.add(number)
+        if quotes % 2:
+            inside = not inside
+    return numbers
 
 
 def run(cmd, **kw):
@@ -71,14 +86,15 @@ def rebuild():
 
 
 def tests_fail():
-    cmd = ["ctest", "--test-dir", BUILD, f"-j{os.cpu_count()}", "--stop-on-failure", "--timeout", "120"]
+    timeout = os.environ.get("MUTANTS_TIMEOUT", "120")
+    cmd = ["ctest", "--test-dir", BUILD, f"-j{os.cpu_count()}", "--stop-on-failure", "--timeout", timeout]
     if os.environ.get("MUTANTS_TESTS"):
         cmd += ["-R", os.environ["MUTANTS_TESTS"]]
     # A fault that makes a program loop counts as caught; CTest's timeout does not reach the
     # programs a test script starts, so the whole process group goes after a while.
     tests = subprocess.Popen(cmd, stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL, start_new_session=True)
     try:
-        return tests.wait(timeout=600) != 0
+        return tests.wait(timeout=5 * int(timeout)) != 0
     except subprocess.TimeoutExpired:
         os.killpg(tests.pid, signal.SIGKILL)
         tests.wait()
@@ -97,10 +113,11 @@ def main(files):
         path = os.path.join(SOURCE, name)
         original = open(path).read()
         lines = original.splitlines(keepends=True)
+        docstrings = python_docstring_lines(lines) if name.endswith(".py") else set()
         for number, line in enumerate(lines, 1):
-            if not first <= number <= last:
+            if not first <= number <= last or number in docstrings:
                 continue
-            for what, mutated in mutants(line):
+            for what, mutated in mutants(line, "#" if name.endswith(".py") else "//"):
                 open(path, "w").write("".join(lines[:number - 1] + [mutated] + lines[number:]))
                 if rebuild() != 0:
                     continue  # does not compile: not a mutant
