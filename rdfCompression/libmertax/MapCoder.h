@@ -84,13 +84,19 @@ public:
             p = 1;
         }
         size_t gridFrom = 0; // where the vector step may next be tried
+        size_t pause = GRID_PAUSE_MIN;
         while (p < slots) {
             if (m_groups != nullptr && p >= gridFrom && slots - p >= MAP_GROUPS_MIN_SLOTS) {
-                // Where runs come often the step stops early; it then pauses for a while, so
-                // that run-heavy data pays little for trying it.
+                // Where runs come often the step stops early; it then pauses for a while, longer
+                // after each stop in a row, so that run-heavy stretches pay little for trying it
+                // and noisy ones after them soon get it back.
                 const size_t coded = m_groups(pMatches, p, pOut);
-                if (coded < GRID_WORTHWHILE)
-                    gridFrom = p + coded + GRID_PAUSE;
+                if (coded < GRID_WORTHWHILE) {
+                    gridFrom = p + coded + pause;
+                    pause = pause < GRID_PAUSE_MAX ? 2 * pause : GRID_PAUSE_MAX;
+                } else {
+                    pause = GRID_PAUSE_MIN;
+                }
                 if (coded != 0) {
                     remainder = 0;
                     p += coded;
@@ -260,7 +266,8 @@ private:
     }
 
     static constexpr size_t GRID_WORTHWHILE = 48; // slots: eight groups
-    static constexpr size_t GRID_PAUSE = 1024;    // slots
+    static constexpr size_t GRID_PAUSE_MIN = 64;  // slots
+    static constexpr size_t GRID_PAUSE_MAX = 1024; // slots
 
     MapGroupsFn m_groups;
     bool m_runTooLong = false;
