@@ -43,6 +43,9 @@ TEST(FilterParameters, RejectedClientDataLeavesAHarmlessRecord)
     const unsigned int one[] = {1};
     EXPECT_EQ(tooShort.SetEncodedData(one, 1), -1);
     EXPECT_EQ(tooShort.GetFilterVersion(), 0u);
+    const unsigned int headerOnly[] = {3, 1};
+    EXPECT_EQ(tooShort.SetEncodedData(headerOnly, 2), 0);
+    EXPECT_EQ(tooShort.GetFilterVersion(), 3u);
 
     MERTAX_FilterConfig wrongEncoding;
     const unsigned int words[] = {1, 2, 4000, 0, 2, 4};
@@ -63,6 +66,7 @@ TEST(FilterParameters, FloatsTravelAsTheirBits)
     encoder.AppendValue(1.5f);
     EXPECT_EQ(Encoded(encoder), (std::vector<unsigned int>{0, 1, 7, 0x3FC00000}));
     EXPECT_EQ(encoder.GetValue<float>(1), 1.5f);
+    EXPECT_EQ(encoder.GetValue<unsigned int>(2), 0u); // one past the last
     EXPECT_EQ(encoder.GetValue<unsigned int>(5), 0u);
     EXPECT_EQ(encoder.GetNextValue<unsigned int>(), 7u);
     EXPECT_EQ(encoder.GetNextValue<float>(), 1.5f);
