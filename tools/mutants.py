@@ -11,9 +11,13 @@ files, rebuilds that copy incrementally, runs the test suite, and lists the faul
 
 Faults: comparisons turned (< <=, > >=, == !=), && and || swapped, + and - swapped, integer
 constants off by one, a condition negated, and a statement that returns early or breaks removed.
-A fault that does not compile is not counted; Python docstrings and comments are left alone.
+A fault that does not compile is not counted, nor one whose object file comes out the same as the
+unmutated one (code the preprocessor leaves out on this platform, or a change the compiler undoes);
+Python docstrings and comments are left alone.
 Slow: a rebuild and a test run per fault.
 """
+import glob
+import hashlib
 import os
 import re
 import shutil
@@ -85,6 +89,15 @@ def rebuild():
     return run(cmd + ["--target", *targets] if targets else cmd)
 
 
+def object_digests(name):
+    """The digests of the object files built from source `name` (none for headers and Python)."""
+    if not name.endswith((".c", ".cc", ".cpp")):
+        return None
+    pattern = os.path.join(BUILD, "**", os.path.basename(name) + ".o")
+    paths = sorted(glob.glob(pattern, recursive=True))
+    return [hashlib.sha256(open(p, "rb").read()).hexdigest() for p in paths] or None
+
+
 def tests_fail():
     timeout = os.environ.get("MUTANTS_TIMEOUT", "120")
     cmd = ["ctest", "--test-dir", BUILD, f"-j{os.cpu_count()}", "--stop-on-failure", "--timeout", timeout]
@@ -114,6 +127,7 @@ def main(files):
         original = open(path).read()
         lines = original.splitlines(keepends=True)
         docstrings = python_docstring_lines(lines) if name.endswith(".py") else set()
+        unmutated = object_digests(name)
         for number, line in enumerate(lines, 1):
             if not first <= number <= last or number in docstrings:
                 continue
@@ -121,6 +135,8 @@ def main(files):
                 open(path, "w").write("".join(lines[:number - 1] + [mutated] + lines[number:]))
                 if rebuild() != 0:
                     continue  # does not compile: not a mutant
+                if unmutated is not None and object_digests(name) == unmutated:
+                    continue  # the same machine code: not a mutant
                 if tests_fail():
                     caught += 1
                     print(f"caught: {name}:{number}: {what}", flush=True)
