@@ -81,6 +81,8 @@ def prepare():
         sys.exit("mutants: cannot configure the scratch build")
     if run(["cmake", "--build", BUILD, f"-j{os.cpu_count()}"]) or tests_fail():
         sys.exit("mutants: the unmutated code does not build or pass its tests")
+    if rebuild() != 0:
+        sys.exit("mutants: MUTANTS_TARGETS names a target the build does not have")
 
 
 def rebuild():
@@ -107,11 +109,16 @@ def tests_fail():
     # programs a test script starts, so the whole process group goes after a while.
     tests = subprocess.Popen(cmd, stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL, start_new_session=True)
     try:
-        return tests.wait(timeout=5 * int(timeout)) != 0
+        failed = tests.wait(timeout=5 * int(timeout)) != 0
     except subprocess.TimeoutExpired:
+        failed = True
+    # Programs of a test that CTest stopped may still run: the whole group goes.
+    try:
         os.killpg(tests.pid, signal.SIGKILL)
-        tests.wait()
-        return True
+    except ProcessLookupError:
+        pass
+    tests.wait()
+    return failed
 
 
 def main(files):
