@@ -109,7 +109,7 @@ def tests_fail():
     # programs a test script starts, so the whole process group goes after a while.
     tests = subprocess.Popen(cmd, stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL, start_new_session=True)
     try:
-        failed = tests.wait(timeout=5 * int(timeout)) != 0
+        failed = tests.wait(timeout=3 * int(timeout)) != 0
     except subprocess.TimeoutExpired:
         failed = True
     # Programs of a test that CTest stopped may still run: the whole group goes.
