@@ -73,8 +73,8 @@ TEST(DiagnosticText, EveryLineAndDumpByteForByte)
          TRACE2 + "DecmpSeg: expand to short - outBytes: 0\nError: deDULO returned: 0 after decompress: 0 bytes\n", 2},
         {"the first dump row is padded with the stream's fill, later ones with 0", ' ',
          Expansion(TwentyMatchingBytes(), 11, 0, 20, 2), HEAD20 + " 0: " + ROWS20 + HEAD20 + "00: " + ROWS20, 10},
-        {"encoder masks and the stored line", ' ', Encoding<uint8_t>({0x12, 0x12, 0x13, 0x12}, 2, 0x12),
-         "mask64: 0xf0f0f0f0f0f0f0f0 maskT: 0xf0\nNO_COMP vLen: 10 segSize: 4\n", 2},
+        {"encoder masks and the stored line, no dumps below 11", ' ', Encoding<uint8_t>({0x12, 0x12, 0x13, 0x12}, 10, 0x12),
+         "mask64: 0xf0f0f0f0f0f0f0f0 maskT: 0xf0\nNO_COMP vLen: 10 segSize: 4\n", 10},
         {"encoder masks of wide cells", ' ', Encoding<uint32_t>({0x100}, 2, 0),
          "mask64: 0xfffffff0fffffff0 maskT: 0xfffffff0\nmask64: 0xffffff00ffffff00 maskT: 0xffffff00\n"
          "mask64: 0xfffff000fffff000 maskT: 0xfffff000\n",
