@@ -22,6 +22,7 @@ import os
 import re
 import shutil
 import signal
+import stat
 import subprocess
 import sys
 
@@ -100,6 +101,20 @@ def object_digests(name):
     return [hashlib.sha256(open(p, "rb").read()).hexdigest() for p in paths] or None
 
 
+# Device files the tool's tests write to. Run as root, a fault in the tool's output code can
+# rename a file over one of them, which would fail every later run: they are put back.
+DEVICES = {"/dev/null": (1, 3), "/dev/full": (1, 7)}
+
+
+def restore_devices():
+    for path, (major, minor) in DEVICES.items():
+        if not stat.S_ISCHR(os.lstat(path).st_mode):
+            os.remove(path)
+            os.mknod(path, 0o666 | stat.S_IFCHR, os.makedev(major, minor))
+            os.chmod(path, 0o666)
+            print(f"mutants: the fault replaced {path}; it is a device again", flush=True)
+
+
 def tests_fail():
     timeout = os.environ.get("MUTANTS_TIMEOUT", "120")
     cmd = ["ctest", "--test-dir", BUILD, f"-j{os.cpu_count()}", "--stop-on-failure", "--timeout", timeout]
@@ -118,6 +133,7 @@ def tests_fail():
     except ProcessLookupError:
         pass
     tests.wait()
+    restore_devices()
     return failed
 
 

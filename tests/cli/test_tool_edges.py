@@ -71,6 +71,10 @@ def test_devices_fifos_and_standard_output_are_written_to(tmp_path, stream):
     with open(appended, "ab") as sink:
         assert subprocess.run([TOOL, "expand", "--cell", "2", str(cmp), "/dev/stdout"], stdout=sink).returncode == 0
     assert appended.read_bytes() == b"head" + raw.read_bytes()
+    with open(appended, "ab") as sink:  # the same through /dev/fd/N
+        fd = sink.fileno()
+        assert subprocess.run([TOOL, "expand", "--cell", "2", str(cmp), f"/dev/fd/{fd}"], pass_fds=(fd,)).returncode == 0
+    assert appended.read_bytes() == b"head" + 2 * raw.read_bytes()
 
     fifo = tmp_path / "fifo"
     os.mkfifo(fifo)
@@ -101,6 +105,28 @@ def test_failures_name_their_cause_and_leave_nothing(tmp_path, stream):
     result = run("expand", "--cell", 2, cmp, dangling)
     assert result.returncode == 2 and b"symbolic link to nothing" in result.stderr
     assert leftovers(tmp_path) == []
+
+
+def test_a_write_cut_short_keeps_the_old_file_and_a_new_file_takes_the_umask(tmp_path, stream):
+    raw, cmp = stream
+    out = tmp_path / "out.raw"
+    out.write_bytes(b"old")
+
+    def limit_file_size():  # writes past 1000 bytes fail with EFBIG, after a partial one
+        signal.signal(signal.SIGXFSZ, signal.SIG_IGN)
+        resource.setrlimit(resource.RLIMIT_FSIZE, (1000, 1000))
+
+    result = subprocess.run([TOOL, "expand", "--cell", "2", str(cmp), str(out)], capture_output=True,
+                            preexec_fn=limit_file_size)
+    assert result.returncode == 2 and b"File too large" in result.stderr
+    assert out.read_bytes() == b"old" and leftovers(tmp_path) == []
+    fresh = tmp_path / "fresh.raw"
+    old_mask = os.umask(0o027)
+    try:
+        assert run("expand", "--cell", 2, cmp, fresh).returncode == 0
+    finally:
+        os.umask(old_mask)
+    assert stat.S_IMODE(fresh.stat().st_mode) == 0o640 and fresh.read_bytes() == raw.read_bytes()
 
 
 def test_an_interrupted_write_leaves_nothing(tmp_path):
