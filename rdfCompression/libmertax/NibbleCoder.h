@@ -57,27 +57,30 @@ public:
             i = lead < room ? lead : room;
             pOut = PutRun(pOut, unsigned(m_nmRunLength + i), last, escape);
         }
-        // From i on, runs start afresh (i is never inside a run begun before it): the first third
-        // nibble in a row at or after i + 2 is that of the next run of three or more.
-        for (size_t w = (i + 2) / 64; w < words;) {
-            uint64_t thirds = third[w] & (~uint64_t(0) << ((i + 2) % 64));
-            while (thirds == 0 && ++w < words)
-                thirds = third[w];
-            if (thirds == 0)
-                break;
-            const size_t start = 64 * w + unsigned(__builtin_ctzll(thirds)) - 2;
-            pOut = CopyLiterals(pOut, pNibbles + i, start + 1 - i);
-            last = pNibbles[start];
-            const size_t end = NextClear(same, words, start + 2, count);
-            // A run is capped at 255; the next slot starts a new run with its literal.
-            size_t length = end - start;
-            for (; length > NM_RUN_LENGTH_MAX; length -= NM_RUN_LENGTH_MAX) {
-                pOut = PutRun(pOut, NM_RUN_LENGTH_MAX, last, escape);
-                *pOut++ = last;
+        // From i on, runs start afresh (i is never inside a run begun before it). A run of three or
+        // more starts two slots before the first of its "third in a row" bits, so each word's
+        // run starts come from its own bits and the last bit of the word before; only the literal
+        // count and the output pointer carry from one run to the next.
+        size_t w = (i + 2) / 64;
+        uint64_t thirds = w < words ? third[w] & (~uint64_t(0) << ((i + 2) % 64)) : 0;
+        for (uint64_t carry = 0; w < words;) {
+            for (uint64_t starts = thirds & ~(thirds << 1 | carry); starts != 0; starts &= starts - 1) {
+                const size_t start = 64 * w + unsigned(__builtin_ctzll(starts)) - 2;
+                pOut = CopyLiterals(pOut, pNibbles + i, start + 1 - i);
+                last = pNibbles[start];
+                const size_t end = NextClear(same, words, start + 2, count);
+                // A run is capped at 255; the next slot starts a new run with its literal.
+                size_t length = end - start;
+                for (; length > NM_RUN_LENGTH_MAX; length -= NM_RUN_LENGTH_MAX) {
+                    pOut = PutRun(pOut, NM_RUN_LENGTH_MAX, last, escape);
+                    *pOut++ = last;
+                }
+                pOut = PutLongRun(pOut, unsigned(length), last, escape);
+                i = end;
             }
-            pOut = PutRun(pOut, unsigned(length), last, escape);
-            i = end;
-            w = (i + 2) / 64;
+            carry = thirds >> 63;
+            if (++w < words)
+                thirds = third[w];
         }
         if (i < count) {
             pOut = CopyLiterals(pOut, pNibbles + i, count - i);
@@ -201,6 +204,20 @@ private:
             pOut += 4;
         }
         return pOut;
+    }
+
+    // PutRun without a branch on the length's size for the usual run of 3 to 255 slots: both
+    // codes are built and the right one stored (the staging area has room past its end). The
+    // rest of a run cut at 255, and a length equal to the escape, take PutRun.
+    static uint8_t* PutLongRun(uint8_t* pOut, unsigned length, uint8_t v, uint8_t escape)
+    {
+        if (__builtin_expect(length == escape || length < 3, 0))
+            return PutRun(pOut, length, v, escape);
+        const bool wide = length >= 16;
+        const uint32_t shortCode = escape | length << 8;
+        const uint32_t wideCode = escape | uint32_t(escape) << 8 | (length >> 4) << 16 | (length & 0xF) << 24;
+        StoreLE<uint32_t>(pOut, wide ? wideCode : shortCode);
+        return pOut + (wide ? 4 : 2);
     }
 
     void Flush(uint8_t escape)
