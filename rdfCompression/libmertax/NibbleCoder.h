@@ -75,7 +75,7 @@ public:
                     pOut = PutRun(pOut, NM_RUN_LENGTH_MAX, last, escape);
                     *pOut++ = last;
                 }
-                pOut = PutLongRun(pOut, unsigned(length), last, escape);
+                pOut = PutRun(pOut, unsigned(length), last, escape);
                 i = end;
             }
             carry = thirds >> 63;
@@ -204,20 +204,6 @@ private:
             pOut += 4;
         }
         return pOut;
-    }
-
-    // PutRun without a branch on the length's size for the usual run of 3 to 255 slots: both
-    // codes are built and the right one stored (the staging area has room past its end). The
-    // rest of a run cut at 255, and a length equal to the escape, take PutRun.
-    static uint8_t* PutLongRun(uint8_t* pOut, unsigned length, uint8_t v, uint8_t escape)
-    {
-        if (__builtin_expect(length == escape || length < 3, 0))
-            return PutRun(pOut, length, v, escape);
-        const bool wide = length >= 16;
-        const uint32_t shortCode = escape | length << 8;
-        const uint32_t wideCode = escape | uint32_t(escape) << 8 | (length >> 4) << 16 | (length & 0xF) << 24;
-        StoreLE<uint32_t>(pOut, wide ? wideCode : shortCode);
-        return pOut + (wide ? 4 : 2);
     }
 
     void Flush(uint8_t escape)
