@@ -76,29 +76,36 @@ void ExpectMapCodersAgree(const std::vector<uint8_t>& match, size_t skipped, Pie
         ASSERT_EQ((mask.BitsAt(skipped + s) & 1) == 0, bool(match[s])) << what << ", slot " << s;
 }
 
-// Codes planes of non-match nibbles with both nibble coders, storing at most `limit` bytes, and
-// reads the stream back.
+// Codes planes of non-match nibbles with the reference coder and with every kernel set's fast one,
+// storing at most `limit` bytes, and reads the stream back.
 void ExpectNibbleCodersAgree(const std::vector<std::vector<uint8_t>>& planes, const std::vector<uint8_t>& escapes,
                              const std::string& what, size_t limit = 3 * SLOTS)
 {
-    CNibbleCoder coder(escapes[0]);
     CReferenceNibbleCoder plain(escapes[0]);
+    std::vector<uint8_t> lastLiterals; // what follows each plane's nibbles in the fast coder's buffer
     for (size_t p = 0; p < planes.size(); ++p) {
         for (uint8_t n : planes[p])
             plain.NonMatch(n, escapes[p]);
         plain.EndPlane(escapes[p]);
-        // Whatever follows a plane's nibbles in the buffer must not count.
-        std::fill_n(std::copy(planes[p].begin(), planes[p].end(), coder.PlaneNibbles()), 64, plain.LastNibble());
-        coder.Plane(planes[p].size(), escapes[p]);
+        lastLiterals.push_back(plain.LastNibble());
     }
     plain.Finish(escapes.back());
-    // A write limit short of the stream stores only that much but still counts it all.
-    std::vector<uint8_t> stream(3 * SLOTS + 1, 0xEE);
-    ASSERT_EQ(coder.Finish(escapes.back(), stream.data(), limit), plain.Stream().size()) << what;
     const size_t stored = std::min(limit, plain.Stream().size());
-    ASSERT_TRUE(std::equal(plain.Stream().begin(), plain.Stream().begin() + std::ptrdiff_t(stored), stream.begin()))
-        << what;
-    ASSERT_EQ(stream[stored], 0xEE) << what;
+    std::vector<uint8_t> stream;
+    for (EKernelSet set : SupportedKernelSets()) {
+        CNibbleCoder coder(escapes[0], KernelsOf(set).markRepeats);
+        for (size_t p = 0; p < planes.size(); ++p) {
+            // Whatever follows a plane's nibbles in the buffer must not count.
+            std::fill_n(std::copy(planes[p].begin(), planes[p].end(), coder.PlaneNibbles()), 64, lastLiterals[p]);
+            coder.Plane(planes[p].size(), escapes[p]);
+        }
+        // A write limit short of the stream stores only that much but still counts it all.
+        stream.assign(3 * SLOTS + 1, 0xEE);
+        ASSERT_EQ(coder.Finish(escapes.back(), stream.data(), limit), plain.Stream().size()) << what;
+        ASSERT_TRUE(std::equal(plain.Stream().begin(), plain.Stream().begin() + std::ptrdiff_t(stored), stream.begin()))
+            << what << ", " << KernelsOf(set).name;
+        ASSERT_EQ(stream[stored], 0xEE) << what;
+    }
     if (stored < plain.Stream().size())
         return;
 

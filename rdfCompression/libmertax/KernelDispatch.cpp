@@ -4,14 +4,17 @@
 
 namespace {
 
-constexpr CKernels PORTABLE_KERNELS = {"portable", SpreadSlotsPortable, ClassifySlotsPortable, nullptr};
+constexpr CKernels PORTABLE_KERNELS = {"portable", SpreadSlotsPortable, ClassifySlotsPortable, nullptr,
+                                       MarkRepeatsPortable};
 #ifdef MERTAX_HAVE_X86_KERNELS
-constexpr CKernels SSSE3_KERNELS = {"ssse3", SpreadSlotsSsse3, ClassifySlotsSsse3, nullptr};
-constexpr CKernels AVX2_KERNELS = {"avx2", SpreadSlotsSsse3, ClassifySlotsSsse3, CodeMapGroupsAvx2};
-constexpr CKernels AVX512_KERNELS = {"avx512", SpreadSlotsAvx512, ClassifySlotsAvx512, CodeMapGroupsAvx512};
+constexpr CKernels SSSE3_KERNELS = {"ssse3", SpreadSlotsSsse3, ClassifySlotsSsse3, nullptr, MarkRepeatsPortable};
+constexpr CKernels AVX2_KERNELS = {"avx2", SpreadSlotsSsse3, ClassifySlotsSsse3, CodeMapGroupsAvx2,
+                                   MarkRepeatsAvx2};
+constexpr CKernels AVX512_KERNELS = {"avx512", SpreadSlotsAvx512, ClassifySlotsAvx512,
+                                     CodeMapGroupsAvx512, MarkRepeatsAvx512};
 #endif
 #ifdef MERTAX_HAVE_NEON_KERNELS
-constexpr CKernels NEON_KERNELS = {"neon", SpreadSlotsNeon, ClassifySlotsNeon, nullptr};
+constexpr CKernels NEON_KERNELS = {"neon", SpreadSlotsNeon, ClassifySlotsNeon, nullptr, MarkRepeatsPortable};
 #endif
 
 std::vector<EKernelSet> DetectKernelSets()

@@ -6,6 +6,7 @@
 #pragma once
 
 #include "MapGroups.h"
+#include "RepeatMarks.h"
 #include "SlotShuffle.h"
 
 #include <cstdint>
@@ -15,8 +16,9 @@ enum class EKernelSet : uint8_t
 {
     PORTABLE,
     SSSE3,  // SSSE3 shuffles with POPCNT
-    AVX2,   // the SSSE3 shuffles and the map's grid step on AVX2 (with BMI1 and POPCNT)
-    AVX512, // AVX-512 F, BW, VBMI and VBMI2 with BMI2: byte expand and compress, the map's grid step
+    AVX2,   // the SSSE3 shuffles, the map's grid step and the repeat marks on AVX2 (with BMI1 and POPCNT)
+    AVX512, // AVX-512 F, BW, VBMI and VBMI2 with BMI2: byte expand and compress, the map's grid step,
+            // the repeat marks
     NEON,   // AArch64's vector set, present on every such processor
 };
 
@@ -26,6 +28,7 @@ struct CKernels
     SlotSpreadFn spread;
     SlotClassifyFn classify;
     MapGroupsFn mapGroups; // null: the scalar map coder alone
+    RepeatMarkFn markRepeats;
 };
 
 // The sets this processor runs, the portable one first and the widest last.

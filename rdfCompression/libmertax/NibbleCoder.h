@@ -10,6 +10,7 @@
 
 #include "BitOps.h"
 #include "ByteAccess.h"
+#include "RepeatMarks.h"
 #include "SegmentFormat.h"
 
 #include <cstddef>
@@ -28,7 +29,9 @@ public:
     // Bytes of the plane buffer that may be written past a plane's nibbles (a whole block's worth).
     static constexpr size_t PLANE_SLACK = 64;
 
-    explicit CNibbleCoder(uint8_t firstEscape) : m_lastNM(firstEscape) {}
+    CNibbleCoder(uint8_t firstEscape, RepeatMarkFn markRepeats) : m_markRepeats(markRepeats), m_lastNM(firstEscape)
+    {
+    }
 
     // Where a plane's non-match nibbles are to be put, one per byte, before Plane codes them:
     // room for MAX_PLANE_NIBBLES + PLANE_SLACK.
@@ -42,9 +45,12 @@ public:
             Flush(escape);
             return;
         }
-        const uint8_t* pNibbles = PlaneNibbles();
+        uint8_t* pNibbles = PlaneNibbles();
+        // Bit j of same: nibble j repeats the one before (nibble 0: the last literal, put in
+        // front of the plane for the purpose); of third: so does nibble j - 1.
         uint64_t same[MAX_PLANE_NIBBLES / 64 + 1], third[MAX_PLANE_NIBBLES / 64 + 1];
-        const size_t words = MarkRepeats(count, same, third);
+        pNibbles[-1] = m_lastNM;
+        const size_t words = m_markRepeats(pNibbles, count, same, third);
         // The stream and the last literal stay in locals: stores to the staging bytes could
         // otherwise alias the members.
         uint8_t* pOut = m_aStaged + m_staged;
@@ -120,41 +126,6 @@ public:
 
 private:
     static constexpr unsigned NM_RUN_LENGTH_MAX = 255;
-
-    // Bit j of same[j / 64]: nibble j equals the one before it (nibble 0: the last literal, put
-    // in front of the plane for the purpose); bit j of third[j / 64]: so does nibble j - 1, making
-    // j the third of three in a row. Bits from `count` on are clear. Returns the number of words.
-    // The bytes past `count` up to the word's end are read but count for nothing.
-    size_t MarkRepeats(size_t count, uint64_t* pSame, uint64_t* pThird)
-    {
-        uint8_t* pNibbles = PlaneNibbles();
-        pNibbles[-1] = m_lastNM;
-        const size_t words = (count + 63) / 64;
-        uint64_t carry = 0;
-        for (size_t w = 0; w < words; ++w) {
-            const uint8_t* p = pNibbles + 64 * w;
-            uint64_t bits = 0;
-#ifdef __SSE2__
-            // Sixteen at a time: each row against the same row one byte back.
-            for (unsigned k = 0; k < 4; ++k) {
-                const __m128i row = _mm_loadu_si128(reinterpret_cast<const __m128i*>(p + 16 * k));
-                const __m128i back = _mm_loadu_si128(reinterpret_cast<const __m128i*>(p + 16 * k - 1));
-                bits |= uint64_t(unsigned(_mm_movemask_epi8(_mm_cmpeq_epi8(row, back)))) << (16 * k);
-            }
-#else
-            for (unsigned k = 0; k < 8; ++k) {
-                const uint64_t equal = ZeroBytes(LoadLE<uint64_t>(p + 8 * k) ^ LoadLE<uint64_t>(p + 8 * k - 1));
-                bits |= ((equal >> 7) * 0x0102040810204080ull >> 56) << (8 * k);
-            }
-#endif
-            if (w == words - 1 && count % 64 != 0)
-                bits &= LowBits(unsigned(count % 64));
-            pSame[w] = bits;
-            pThird[w] = bits & (bits << 1 | carry);
-            carry = bits >> 63;
-        }
-        return words;
-    }
 
     // The first position at or after `from` whose bit is clear, or `count`.
     static size_t NextClear(const uint64_t* pSame, size_t words, size_t from, size_t count)
@@ -248,6 +219,7 @@ private:
     static constexpr size_t MAX_STAGED = 2 * MAX_SEGMENT_DATA + 128;
 
     uint8_t m_aStaged[MAX_STAGED];
+    RepeatMarkFn m_markRepeats;
     size_t m_staged = 0;
     uint8_t m_lastNM;
     unsigned m_nmRunLength = 0;

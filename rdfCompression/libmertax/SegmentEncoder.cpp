@@ -132,14 +132,15 @@ size_t COptimalBiasDulo::Deflate(uint8_t* pUncData, const uint16_t& segSize, T s
     const size_t storedLength = 4 + (dataBytes == STD_SEGSIZE ? 0 : 2) + dataBytes;
 
     const unsigned firstShift = 4 * (PLANES - 1 - skippedPlanes);
-    CNibbleCoder nibbles(uint8_t((bias >> firstShift) & 0xF));
+    const CKernels& kernels = ActiveKernels();
+    CNibbleCoder nibbles(uint8_t((bias >> firstShift) & 0xF), kernels.markRepeats);
     const size_t skippedSlots = (reduced ? skippedPlanes - 2 : skippedPlanes) * elems;
     // Match bits of every coded slot, plane after plane; the map is coded from them at the end.
     uint64_t matchWords[2 * MAX_SEGMENT_DATA / 64 + 2];
     CMatchBits matchBits(matchWords);
     // A plane's non-match nibbles are gathered into the coder and coded together at the plane's end.
     uint8_t* const planeNibbles = nibbles.PlaneNibbles();
-    const SlotClassifyFn classify = ActiveKernels().classify;
+    const SlotClassifyFn classify = kernels.classify;
     // The byte of every cell that holds the planes' nibbles, taken out once for its two planes
     // (byte cells are their own bytes).
     uint8_t byteRow[sizeof(T) == 1 ? 1 : MAX_SEGMENT_DATA / 2];
@@ -187,7 +188,7 @@ size_t COptimalBiasDulo::Deflate(uint8_t* pUncData, const uint16_t& segSize, T s
         nibbles.Finish(uint8_t(bias & 0xF), pCmpBuff + hdrBytes, storedLength > hdrBytes ? storedLength - hdrBytes : 0);
     // A stream that alone outgrows the stored form decides the segment: its map is not needed.
     uint8_t cmpMap[WORST_CASE_COMP_MAP_SIZE];
-    CMapCoder map(ActiveKernels().mapGroups);
+    CMapCoder map(kernels.mapGroups);
     size_t mapSize = 0;
     if (hdrBytes + nonMatchLength <= storedLength || m_debugCompression > 10)
         mapSize = map.Code(matchWords, matchBits.Close(), skippedSlots, cmpMap);

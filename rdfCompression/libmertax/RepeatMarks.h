@@ -1,0 +1,33 @@
+// The nibble coder's first pass over a plane: which nibbles repeat the one before, as bits, and
+// which are the third of three in a row (where a run of the escape code can start). The portable
+// form compares sixteen bytes at a time with SSE2 (eight with word tricks elsewhere); the AVX2 and
+// AVX-512 forms compare 32 and 64. All give the same bits; KernelDispatch chooses among them.
+#pragma once
+
+#include "BitOps.h"
+
+#include <cstddef>
+#include <cstdint>
+
+// Bit j of pSame[j / 64]: nibble j equals nibble j - 1 (nibble -1, at pNibbles[-1], is the last
+// literal before the plane); bit j of pThird[j / 64]: so does nibble j - 1. Bits from `count` on
+// are clear. Reads pNibbles[-1] up to the end of the last 64-byte word, whatever lies past
+// `count`. Returns the number of words, (count + 63) / 64.
+using RepeatMarkFn = size_t (*)(const uint8_t* pNibbles, size_t count, uint64_t* pSame, uint64_t* pThird);
+
+// Stores word w of the marks from its "equals the one before" bits: the last word's bits past
+// `count` dropped, and the third-in-a-row bits joined to the last bit of the word before (carry).
+inline void StoreRepeatWord(uint64_t same, size_t w, size_t count, uint64_t& carry, uint64_t* pSame,
+                            uint64_t* pThird)
+{
+    same &= LowBits(unsigned(count - 64 * w < 64 ? count - 64 * w : 64));
+    pSame[w] = same;
+    pThird[w] = same & (same << 1 | carry);
+    carry = same >> 63;
+}
+
+size_t MarkRepeatsPortable(const uint8_t* pNibbles, size_t count, uint64_t* pSame, uint64_t* pThird);
+#if defined(__x86_64__)
+size_t MarkRepeatsAvx2(const uint8_t* pNibbles, size_t count, uint64_t* pSame, uint64_t* pThird);
+size_t MarkRepeatsAvx512(const uint8_t* pNibbles, size_t count, uint64_t* pSame, uint64_t* pThird);
+#endif
