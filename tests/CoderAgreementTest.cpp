@@ -93,7 +93,7 @@ void ExpectNibbleCodersAgree(const std::vector<std::vector<uint8_t>>& planes, co
     const size_t stored = std::min(limit, plain.Stream().size());
     std::vector<uint8_t> stream;
     for (EKernelSet set : SupportedKernelSets()) {
-        CNibbleCoder coder(escapes[0], KernelsOf(set).markRepeats);
+        CNibbleCoder coder(escapes[0], KernelsOf(set).nibbles);
         for (size_t p = 0; p < planes.size(); ++p) {
             // Whatever follows a plane's nibbles in the buffer must not count.
             std::fill_n(std::copy(planes[p].begin(), planes[p].end(), coder.PlaneNibbles()), 64, lastLiterals[p]);

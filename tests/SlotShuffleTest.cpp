@@ -130,17 +130,17 @@ TEST(KernelDispatch, EachSetRunsItsOwnKernels)
         SlotSpreadFn spread;
         SlotClassifyFn classify;
         MapGroupsFn mapGroups;
-        RepeatMarkFn markRepeats;
+        CNibbleKernels nibbles;
     } expected[] = {
-        {EKernelSet::PORTABLE, "portable", SpreadSlotsPortable, ClassifySlotsPortable, nullptr, MarkRepeatsPortable},
+        {EKernelSet::PORTABLE, "portable", SpreadSlotsPortable, ClassifySlotsPortable, nullptr, {MarkRepeatsPortable, PackNibblesPortable}},
 #ifdef MERTAX_HAVE_X86_KERNELS
-        {EKernelSet::SSSE3, "ssse3", SpreadSlotsSsse3, ClassifySlotsSsse3, nullptr, MarkRepeatsPortable},
-        {EKernelSet::AVX2, "avx2", SpreadSlotsSsse3, ClassifySlotsSsse3, CodeMapGroupsAvx2, MarkRepeatsAvx2},
+        {EKernelSet::SSSE3, "ssse3", SpreadSlotsSsse3, ClassifySlotsSsse3, nullptr, {MarkRepeatsPortable, PackNibblesPortable}},
+        {EKernelSet::AVX2, "avx2", SpreadSlotsSsse3, ClassifySlotsSsse3, CodeMapGroupsAvx2, {MarkRepeatsAvx2, PackNibblesAvx2}},
         {EKernelSet::AVX512, "avx512", SpreadSlotsAvx512, ClassifySlotsAvx512, CodeMapGroupsAvx512,
-         MarkRepeatsAvx512},
+         {MarkRepeatsAvx512, PackNibblesAvx512}},
 #endif
 #ifdef MERTAX_HAVE_NEON_KERNELS
-        {EKernelSet::NEON, "neon", SpreadSlotsNeon, ClassifySlotsNeon, nullptr, MarkRepeatsPortable},
+        {EKernelSet::NEON, "neon", SpreadSlotsNeon, ClassifySlotsNeon, nullptr, {MarkRepeatsPortable, PackNibblesPortable}},
 #endif
     };
     for (const Expected& e : expected) {
@@ -150,7 +150,8 @@ TEST(KernelDispatch, EachSetRunsItsOwnKernels)
         EXPECT_EQ(kernels.spread, e.spread);
         EXPECT_EQ(kernels.classify, e.classify);
         EXPECT_EQ(kernels.mapGroups, e.mapGroups);
-        EXPECT_EQ(kernels.markRepeats, e.markRepeats);
+        EXPECT_EQ(kernels.nibbles.markRepeats, e.nibbles.markRepeats);
+        EXPECT_EQ(kernels.nibbles.pack, e.nibbles.pack);
         const bool supported = std::find(SupportedKernelSets().begin(), SupportedKernelSets().end(), e.set) !=
                                SupportedKernelSets().end();
         EXPECT_EQ(UseKernelSet(e.set), supported);

@@ -6,7 +6,7 @@
 #pragma once
 
 #include "MapGroups.h"
-#include "RepeatMarks.h"
+#include "NibbleKernels.h"
 #include "SlotShuffle.h"
 
 #include <cstdint>
@@ -16,9 +16,9 @@ enum class EKernelSet : uint8_t
 {
     PORTABLE,
     SSSE3,  // SSSE3 shuffles with POPCNT
-    AVX2,   // the SSSE3 shuffles, the map's grid step and the repeat marks on AVX2 (with BMI1 and POPCNT)
+    AVX2,   // the SSSE3 shuffles, the map's grid step and the nibble coder's passes on AVX2 (with BMI1 and POPCNT)
     AVX512, // AVX-512 F, BW, VBMI and VBMI2 with BMI2: byte expand and compress, the map's grid step,
-            // the repeat marks
+            // the nibble coder's passes
     NEON,   // AArch64's vector set, present on every such processor
 };
 
@@ -28,7 +28,7 @@ struct CKernels
     SlotSpreadFn spread;
     SlotClassifyFn classify;
     MapGroupsFn mapGroups; // null: the scalar map coder alone
-    RepeatMarkFn markRepeats;
+    CNibbleKernels nibbles;
 };
 
 // The sets this processor runs, the portable one first and the widest last.

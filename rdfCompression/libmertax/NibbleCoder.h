@@ -10,16 +10,13 @@
 
 #include "BitOps.h"
 #include "ByteAccess.h"
-#include "RepeatMarks.h"
+#include "NibbleKernels.h"
 #include "SegmentFormat.h"
 
 #include <cstddef>
 #include <cstdint>
 #include <cstring>
 
-#ifdef __SSE2__
-#include <emmintrin.h>
-#endif
 
 class CNibbleCoder
 {
@@ -29,9 +26,7 @@ public:
     // Bytes of the plane buffer that may be written past a plane's nibbles (a whole block's worth).
     static constexpr size_t PLANE_SLACK = 64;
 
-    CNibbleCoder(uint8_t firstEscape, RepeatMarkFn markRepeats) : m_markRepeats(markRepeats), m_lastNM(firstEscape)
-    {
-    }
+    CNibbleCoder(uint8_t firstEscape, const CNibbleKernels& kernels) : m_kernels(kernels), m_lastNM(firstEscape) {}
 
     // Where a plane's non-match nibbles are to be put, one per byte, before Plane codes them:
     // room for MAX_PLANE_NIBBLES + PLANE_SLACK.
@@ -50,7 +45,7 @@ public:
         // front of the plane for the purpose); of third: so does nibble j - 1.
         uint64_t same[MAX_PLANE_NIBBLES / 64 + 1], third[MAX_PLANE_NIBBLES / 64 + 1];
         pNibbles[-1] = m_lastNM;
-        const size_t words = m_markRepeats(pNibbles, count, same, third);
+        const size_t words = m_kernels.markRepeats(pNibbles, count, same, third);
         // The stream and the last literal stay in locals: stores to the staging bytes could
         // otherwise alias the members.
         uint8_t* pOut = m_aStaged + m_staged;
@@ -185,29 +180,11 @@ private:
 
     void Put(uint8_t nibble) { m_aStaged[m_staged++] = nibble; }
 
-    // Two staged nibbles to a byte: each 16-bit lane's pair into its low byte, then the lanes
-    // closed up (by a saturating pack with SSE2, sixteen at a time).
+    // Two staged nibbles to a byte, as many bytes as writeLimit allows.
     size_t Pack(uint8_t* pOut, size_t writeLimit)
     {
         const size_t bytes = m_staged / 2;
-        const size_t stored = bytes < writeLimit ? bytes : writeLimit;
-        size_t k = 0;
-#ifdef __SSE2__
-        const __m128i lowByte = _mm_set1_epi16(0xFF);
-        for (; k + 8 <= stored; k += 8) {
-            const __m128i x = _mm_loadu_si128(reinterpret_cast<const __m128i*>(m_aStaged + 2 * k));
-            const __m128i pairs = _mm_and_si128(_mm_or_si128(_mm_slli_epi16(x, 4), _mm_srli_epi16(x, 8)), lowByte);
-            _mm_storel_epi64(reinterpret_cast<__m128i*>(pOut + k), _mm_packus_epi16(pairs, pairs));
-        }
-#endif
-        for (; k + 4 <= stored; k += 4) {
-            const uint64_t x = LoadLE<uint64_t>(m_aStaged + 2 * k);
-            uint64_t v = ((x << 4) | (x >> 8)) & 0x00FF00FF00FF00FFull;
-            v = (v | v >> 8) & 0x0000FFFF0000FFFFull;
-            StoreLE<uint32_t>(pOut + k, uint32_t(v | v >> 16));
-        }
-        for (; k < stored; ++k)
-            pOut[k] = uint8_t(m_aStaged[2 * k] << 4 | m_aStaged[2 * k + 1]);
+        m_kernels.pack(m_aStaged, bytes < writeLimit ? bytes : writeLimit, pOut);
         return bytes;
     }
 
@@ -219,7 +196,7 @@ private:
     static constexpr size_t MAX_STAGED = 2 * MAX_SEGMENT_DATA + 128;
 
     uint8_t m_aStaged[MAX_STAGED];
-    RepeatMarkFn m_markRepeats;
+    const CNibbleKernels m_kernels;
     size_t m_staged = 0;
     uint8_t m_lastNM;
     unsigned m_nmRunLength = 0;

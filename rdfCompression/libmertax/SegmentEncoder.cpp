@@ -133,7 +133,7 @@ size_t COptimalBiasDulo::Deflate(uint8_t* pUncData, const uint16_t& segSize, T s
 
     const unsigned firstShift = 4 * (PLANES - 1 - skippedPlanes);
     const CKernels& kernels = ActiveKernels();
-    CNibbleCoder nibbles(uint8_t((bias >> firstShift) & 0xF), kernels.markRepeats);
+    CNibbleCoder nibbles(uint8_t((bias >> firstShift) & 0xF), kernels.nibbles);
     const size_t skippedSlots = (reduced ? skippedPlanes - 2 : skippedPlanes) * elems;
     // Match bits of every coded slot, plane after plane; the map is coded from them at the end.
     uint64_t matchWords[2 * MAX_SEGMENT_DATA / 64 + 2];

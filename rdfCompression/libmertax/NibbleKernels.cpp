@@ -1,6 +1,6 @@
-// The portable repeat marks: SSE2, part of every x86-64 processor, where the compiler targets it;
-// eight bytes to a word with the zero-byte trick elsewhere.
-#include "RepeatMarks.h"
+// The portable forms: SSE2, part of every x86-64 processor, where the compiler targets it; eight
+// bytes to a word with word tricks elsewhere.
+#include "NibbleKernels.h"
 
 #include "ByteAccess.h"
 
@@ -31,4 +31,25 @@ size_t MarkRepeatsPortable(const uint8_t* pNibbles, size_t count, uint64_t* pSam
         StoreRepeatWord(bits, w, count, carry, pSame, pThird);
     }
     return words;
+}
+
+void PackNibblesPortable(const uint8_t* pStaged, size_t bytes, uint8_t* pOut)
+{
+    size_t k = 0;
+#ifdef __SSE2__
+    // Each 16-bit lane's pair into its low byte, then the lanes closed up by a saturating pack.
+    const __m128i lowByte = _mm_set1_epi16(0xFF);
+    for (; k + 8 <= bytes; k += 8) {
+        const __m128i x = _mm_loadu_si128(reinterpret_cast<const __m128i*>(pStaged + 2 * k));
+        const __m128i pairs = _mm_and_si128(_mm_or_si128(_mm_slli_epi16(x, 4), _mm_srli_epi16(x, 8)), lowByte);
+        _mm_storel_epi64(reinterpret_cast<__m128i*>(pOut + k), _mm_packus_epi16(pairs, pairs));
+    }
+#endif
+    for (; k + 4 <= bytes; k += 4) {
+        const uint64_t x = LoadLE<uint64_t>(pStaged + 2 * k);
+        uint64_t v = ((x << 4) | (x >> 8)) & 0x00FF00FF00FF00FFull;
+        v = (v | v >> 8) & 0x0000FFFF0000FFFFull;
+        StoreLE<uint32_t>(pOut + k, uint32_t(v | v >> 16));
+    }
+    PackNibblesFrom(k, pStaged, bytes, pOut);
 }

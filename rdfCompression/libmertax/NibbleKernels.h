@@ -1,7 +1,8 @@
-// The nibble coder's first pass over a plane: which nibbles repeat the one before, as bits, and
-// which are the third of three in a row (where a run of the escape code can start). The portable
-// form compares sixteen bytes at a time with SSE2 (eight with word tricks elsewhere); the AVX2 and
-// AVX-512 forms compare 32 and 64. All give the same bits; KernelDispatch chooses among them.
+// The nibble coder's two passes over whole buffers. The repeat marks: which nibbles of a plane
+// repeat the one before, as bits, and which are the third of three in a row (where a run of the
+// escape code can start). The pack: the staged stream, one nibble per byte, two to a byte. The
+// portable forms take sixteen bytes at a time with SSE2 (eight with word tricks elsewhere); the
+// AVX2 and AVX-512 forms take 32 and 64. All give the same bytes; KernelDispatch chooses.
 #pragma once
 
 #include "BitOps.h"
@@ -26,8 +27,28 @@ inline void StoreRepeatWord(uint64_t same, size_t w, size_t count, uint64_t& car
     carry = same >> 63;
 }
 
+// Writes the `bytes` bytes at pOut, each from two nibbles of pStaged (one per byte, the high half
+// first).
+using NibblePackFn = void (*)(const uint8_t* pStaged, size_t bytes, uint8_t* pOut);
+
+// The bytes from `done` on, one at a time: the vector forms' tail.
+inline void PackNibblesFrom(size_t done, const uint8_t* pStaged, size_t bytes, uint8_t* pOut)
+{
+    for (size_t k = done; k < bytes; ++k)
+        pOut[k] = uint8_t(pStaged[2 * k] << 4 | pStaged[2 * k + 1]);
+}
+
+struct CNibbleKernels
+{
+    RepeatMarkFn markRepeats;
+    NibblePackFn pack;
+};
+
 size_t MarkRepeatsPortable(const uint8_t* pNibbles, size_t count, uint64_t* pSame, uint64_t* pThird);
+void PackNibblesPortable(const uint8_t* pStaged, size_t bytes, uint8_t* pOut);
 #if defined(__x86_64__)
 size_t MarkRepeatsAvx2(const uint8_t* pNibbles, size_t count, uint64_t* pSame, uint64_t* pThird);
+void PackNibblesAvx2(const uint8_t* pStaged, size_t bytes, uint8_t* pOut);
 size_t MarkRepeatsAvx512(const uint8_t* pNibbles, size_t count, uint64_t* pSame, uint64_t* pThird);
+void PackNibblesAvx512(const uint8_t* pStaged, size_t bytes, uint8_t* pOut);
 #endif
