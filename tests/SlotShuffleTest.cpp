@@ -140,7 +140,7 @@ TEST(KernelDispatch, EachSetRunsItsOwnKernels)
          {MarkRepeatsAvx512, PackNibblesAvx512}},
 #endif
 #ifdef MERTAX_HAVE_NEON_KERNELS
-        {EKernelSet::NEON, "neon", SpreadSlotsNeon, ClassifySlotsNeon, nullptr, {MarkRepeatsPortable, PackNibblesPortable}},
+        {EKernelSet::NEON, "neon", SpreadSlotsNeon, ClassifySlotsNeon, nullptr, {MarkRepeatsNeon, PackNibblesNeon}},
 #endif
     };
     for (const Expected& e : expected) {

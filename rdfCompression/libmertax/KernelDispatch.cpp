@@ -7,14 +7,16 @@ namespace {
 constexpr CKernels PORTABLE_KERNELS = {"portable", SpreadSlotsPortable, ClassifySlotsPortable, nullptr,
                                        {MarkRepeatsPortable, PackNibblesPortable}};
 #ifdef MERTAX_HAVE_X86_KERNELS
-constexpr CKernels SSSE3_KERNELS = {"ssse3", SpreadSlotsSsse3, ClassifySlotsSsse3, nullptr, {MarkRepeatsPortable, PackNibblesPortable}};
+constexpr CKernels SSSE3_KERNELS = {"ssse3", SpreadSlotsSsse3, ClassifySlotsSsse3, nullptr,
+                                    {MarkRepeatsPortable, PackNibblesPortable}};
 constexpr CKernels AVX2_KERNELS = {"avx2", SpreadSlotsSsse3, ClassifySlotsSsse3, CodeMapGroupsAvx2,
                                    {MarkRepeatsAvx2, PackNibblesAvx2}};
 constexpr CKernels AVX512_KERNELS = {"avx512", SpreadSlotsAvx512, ClassifySlotsAvx512,
                                      CodeMapGroupsAvx512, {MarkRepeatsAvx512, PackNibblesAvx512}};
 #endif
 #ifdef MERTAX_HAVE_NEON_KERNELS
-constexpr CKernels NEON_KERNELS = {"neon", SpreadSlotsNeon, ClassifySlotsNeon, nullptr, {MarkRepeatsPortable, PackNibblesPortable}};
+constexpr CKernels NEON_KERNELS = {"neon", SpreadSlotsNeon, ClassifySlotsNeon, nullptr,
+                                   {MarkRepeatsNeon, PackNibblesNeon}};
 #endif
 
 std::vector<EKernelSet> DetectKernelSets()

@@ -2,7 +2,7 @@
 // repeat the one before, as bits, and which are the third of three in a row (where a run of the
 // escape code can start). The pack: the staged stream, one nibble per byte, two to a byte. The
 // portable forms take sixteen bytes at a time with SSE2 (eight with word tricks elsewhere); the
-// AVX2 and AVX-512 forms take 32 and 64. All give the same bytes; KernelDispatch chooses.
+// NEON forms sixteen, the AVX2 and AVX-512 forms 32 and 64. All give the same bytes; KernelDispatch chooses.
 #pragma once
 
 #include "BitOps.h"
@@ -51,4 +51,8 @@ size_t MarkRepeatsAvx2(const uint8_t* pNibbles, size_t count, uint64_t* pSame, u
 void PackNibblesAvx2(const uint8_t* pStaged, size_t bytes, uint8_t* pOut);
 size_t MarkRepeatsAvx512(const uint8_t* pNibbles, size_t count, uint64_t* pSame, uint64_t* pThird);
 void PackNibblesAvx512(const uint8_t* pStaged, size_t bytes, uint8_t* pOut);
+#endif
+#if defined(__aarch64__)
+size_t MarkRepeatsNeon(const uint8_t* pNibbles, size_t count, uint64_t* pSame, uint64_t* pThird);
+void PackNibblesNeon(const uint8_t* pStaged, size_t bytes, uint8_t* pOut);
 #endif
