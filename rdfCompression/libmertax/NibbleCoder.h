@@ -8,15 +8,12 @@
 // The stream is staged one nibble per byte and packed into bytes once, at the end.
 #pragma once
 
-#include "BitOps.h"
-#include "ByteAccess.h"
 #include "NibbleKernels.h"
 #include "SegmentFormat.h"
 
 #include <cstddef>
 #include <cstdint>
 #include <cstring>
-
 
 class CNibbleCoder
 {
