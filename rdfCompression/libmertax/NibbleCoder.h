@@ -30,13 +30,13 @@ public:
     uint8_t* PlaneNibbles() { return m_aPlane + 16; }
 
     // Codes the `count` non-match nibbles put at PlaneNibbles() and closes the plane's last run
-    // with its escape. A run may go on from the previous plane's last literal, counted from 1.
+    // with its escape. A run may go on from the previous plane's last literal, which counts as
+    // its first slot: a run left open at a plane's end is never longer than that literal, so a
+    // plane with no non-matches writes nothing.
     void Plane(size_t count, uint8_t escape)
     {
-        if (count == 0) {
-            Flush(escape);
+        if (count == 0)
             return;
-        }
         uint8_t* pNibbles = PlaneNibbles();
         // Bit j of same: nibble j repeats the one before (nibble 0: the last literal, put in
         // front of the plane for the purpose); of third: so does nibble j - 1.
@@ -51,9 +51,9 @@ public:
         if (pNibbles[0] == last) {
             // The plane opens with the open run's nibble: those slots only lengthen the run.
             const size_t lead = NextClear(same, words, 0, count);
-            const size_t room = NM_RUN_LENGTH_MAX - m_nmRunLength;
+            const size_t room = NM_RUN_LENGTH_MAX - 1;
             i = lead < room ? lead : room;
-            pOut = PutRun(pOut, unsigned(m_nmRunLength + i), last, escape);
+            pOut = PutRun(pOut, unsigned(1 + i), last, escape);
         }
         // From i on, runs start afresh (i is never inside a run begun before it). A run of three or
         // more starts two slots before the first of its "third in a row" bits, so each word's
@@ -86,7 +86,6 @@ public:
         }
         m_staged = size_t(pOut - m_aStaged);
         m_lastNM = last;
-        m_nmRunLength = 1;
     }
 
     // Closes the stream (lastEscape is the bias's lowest nibble) and packs it into pOut, of which
@@ -96,13 +95,12 @@ public:
     size_t Finish(uint8_t lastEscape, uint8_t* pOut, size_t writeLimit)
     {
         if (m_staged % 2 != 0) {
-            if (lastEscape == m_lastNM && m_nmRunLength < NM_RUN_LENGTH_MAX) {
+            if (lastEscape == m_lastNM) {
                 // lastEscape would only lengthen the run and write nothing: the pending data
                 // nibble still has to reach the stream, with a 0 low half.
                 Put(0);
                 return Pack(pOut, writeLimit);
             }
-            Flush(lastEscape);
             Put(lastEscape);
         }
         // The nibble last placed in a high half goes out once more, in a byte of its own, unless
@@ -169,12 +167,6 @@ private:
         return pOut;
     }
 
-    void Flush(uint8_t escape)
-    {
-        m_staged = size_t(PutRun(m_aStaged + m_staged, m_nmRunLength, m_lastNM, escape) - m_aStaged);
-        m_nmRunLength = 1;
-    }
-
     void Put(uint8_t nibble) { m_aStaged[m_staged++] = nibble; }
 
     // Two staged nibbles to a byte, as many bytes as writeLimit allows.
@@ -196,5 +188,4 @@ private:
     const CNibbleKernels m_kernels;
     size_t m_staged = 0;
     uint8_t m_lastNM;
-    unsigned m_nmRunLength = 0;
 };
