@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <atomic>
+#include <chrono>
 #include <condition_variable>
 #include <deque>
 #include <mutex>
@@ -19,6 +20,7 @@
 #define NOMINMAX
 #endif
 #include <windows.h>
+#include <intrin.h>
 #endif
 
 namespace {
@@ -29,7 +31,7 @@ struct CJob
     size_t count;
     std::atomic<size_t> next{0};
     unsigned helpersWanted; // workers that may still join
-    unsigned helpersActive = 0;
+    std::atomic<unsigned> helpersActive{0}; // changed under g_mutex, read without it while spinning
 
     void Work()
     {
@@ -51,17 +53,57 @@ struct CPoolState
 
 std::mutex g_mutex; // guards g_pState and all of its fields
 CPoolState* g_pState = nullptr;
+std::atomic<size_t> g_queued{0}; // jobs in g_pState->jobs, changed under g_mutex
+
+// How long a thread polls before it sleeps, when it waits for a job or for helpers to finish.
+// Waking a sleeping thread takes tens of microseconds, as long as coding a few segments; chunks
+// come back to back, so a worker that has just finished one usually finds the next this way.
+constexpr auto SPIN = std::chrono::microseconds(100);
+
+// Tells the processor that this is a polling loop (it then spends less power, and leaves more of
+// the core to a sibling hardware thread).
+inline void CpuRelax()
+{
+#if defined(__x86_64__) || defined(__i386__)
+    __builtin_ia32_pause();
+#elif defined(_M_X64) || defined(_M_IX86)
+    _mm_pause();
+#elif defined(__aarch64__)
+    asm volatile("yield");
+#endif
+}
+
+// Polls `ready` (which reads only atomics) for up to SPIN; true as soon as it holds.
+template <typename Ready>
+bool SpinUntil(Ready ready)
+{
+    const auto deadline = std::chrono::steady_clock::now() + SPIN;
+    for (unsigned k = 0;; ++k) {
+        if (ready())
+            return true;
+        CpuRelax();
+        if (k % 64 == 63 && std::chrono::steady_clock::now() > deadline)
+            return false;
+    }
+}
 
 void WorkerLoop(CPoolState* pState)
 {
     std::unique_lock<std::mutex> lock(g_mutex);
     for (;;) {
+        if (pState->jobs.empty() && !pState->stopping) {
+            lock.unlock();
+            SpinUntil([] { return g_queued.load(std::memory_order_relaxed) != 0; });
+            lock.lock();
+        }
         pState->wake.wait(lock, [&] { return pState->stopping || !pState->jobs.empty(); });
         if (pState->stopping)
             return;
         CJob* pJob = pState->jobs.front();
-        if (--pJob->helpersWanted == 0)
+        if (--pJob->helpersWanted == 0) {
             pState->jobs.pop_front();
+            --g_queued;
+        }
         ++pJob->helpersActive;
         lock.unlock();
         pJob->Work();
@@ -78,6 +120,7 @@ void UnlockInParent() { g_mutex.unlock(); }
 void ForgetInChild()
 {
     g_pState = nullptr; // deliberately leaked: its threads and waits belong to the parent
+    g_queued = 0;
     g_mutex.unlock();
 }
 #endif
@@ -153,13 +196,24 @@ void RunTasks(unsigned threads, size_t count, const std::function<void(size_t)>&
         std::lock_guard<std::mutex> lock(g_mutex);
         pState = &PoolWithWorkers(helpers);
         pState->jobs.push_back(&job);
+        ++g_queued;
         pState->wake.notify_all();
     }
     job.Work();
     std::unique_lock<std::mutex> lock(g_mutex);
     // Workers that have not joined yet will find nothing left to do: withdraw the offer.
     const auto queued = std::find(pState->jobs.begin(), pState->jobs.end(), &job);
-    if (queued != pState->jobs.end())
+    if (queued != pState->jobs.end()) {
         pState->jobs.erase(queued);
+        --g_queued;
+    }
+    if (job.helpersActive == 0)
+        return;
+    lock.unlock();
+    if (SpinUntil([&] { return job.helpersActive.load(std::memory_order_acquire) == 0; })) {
+        // The last helper may still hold the lock, notifying; the job is no longer touched.
+        return;
+    }
+    lock.lock();
     pState->finished.wait(lock, [&] { return job.helpersActive == 0; });
 }
