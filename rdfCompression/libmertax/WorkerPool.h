@@ -1,5 +1,5 @@
 // The library's one pool of worker threads, shared by every codec object and front end. Workers
-// start on first use, wait idle between jobs, are joined when the library is unloaded, and are
+// start on first use, poll briefly and then sleep between jobs, are joined when the library is unloaded, and are
 // forgotten in a child after fork (the child starts its own on first use).
 #pragma once
 
