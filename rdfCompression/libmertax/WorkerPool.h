@@ -1,6 +1,6 @@
 // The library's one pool of worker threads, shared by every codec object and front end. Workers
-// start on first use, poll briefly and then sleep between jobs, are joined when the library is unloaded, and are
-// forgotten in a child after fork (the child starts its own on first use).
+// start on first use, poll briefly and then sleep between jobs, are joined when the library is
+// unloaded, and are forgotten in a child after fork (the child starts its own on first use).
 #pragma once
 
 #include <cstddef>
