@@ -16,14 +16,15 @@ namespace {
 
 using Bytes = std::vector<uint8_t>;
 
-// Drifting data (hints that change as it goes) with stretches of 16-bit values below 256, so that
-// byte segments of 8192 bytes and ordinary ones alternate under word-size reduction.
+// Drifting data (hints that change as it goes) with stretches of 16-bit values below 256 three
+// segments long, so that under word-size reduction a byte segment of 8192 bytes is followed by an
+// ordinary one of small values (its next 4096 bytes do not fit in bytes), then by ordinary ones.
 Bytes Cells(size_t cellBytes, size_t count, uint64_t seed)
 {
     Bytes cells = MakeShapeBytes(EShape::DRIFTING, cellBytes, count, seed);
     if (cellBytes == 2)
         for (size_t i = 0; i < cells.size(); i += 2)
-            if ((i / 20000) % 2 == 0)
+            if ((i / 12288) % 2 == 0)
                 cells[i + 1] = 0;
     return cells;
 }
@@ -65,10 +66,10 @@ TEST(ThreadCount, BytesAndCarriedHintAreThoseOfOneThread)
 {
     // 128 KiB + 6 cells: 33 segments, one past a whole number of the pool's tasks, the last one
     // short. Two calls on one codec: the second starts from the hint and segment count the first
-    // left.
+    // left; for 16-bit cells its last 1412 bytes end a byte segment begun 4096 bytes before them.
     for (const CSetup& s : Setups()) {
         const size_t count = (128 * 1024) / s.cellBytes + 6;
-        const Bytes first = Cells(s.cellBytes, count, 1), second = Cells(s.cellBytes, count + 700, 2);
+        const Bytes first = Cells(s.cellBytes, count, 1), second = Cells(s.cellBytes, count + 10940, 2);
         COptimalBiasDulo one = Codec(s);
         const Bytes expected1 = Compress(one, first, s.cellBytes, 1);
         const Bytes expected2 = Compress(one, second, s.cellBytes, 1);

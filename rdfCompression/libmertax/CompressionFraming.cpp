@@ -47,20 +47,23 @@ size_t COptimalBiasDulo::CompressSegment(void* pUncData, const uint16_t& segSize
     }
 }
 
+bool COptimalBiasDulo::ShortsFitInBytes(const uint8_t* p, size_t bytes)
+{
+    // The OR of the cells, four at a time and then singly.
+    uint64_t result = OrOfWords(p, bytes / 8, 0);
+    for (size_t i = bytes / 8 * 8; i < bytes; i += 2)
+        result |= LoadLE<uint16_t>(p + i);
+    return (result & 0xFF00FF00FF00FF00ull) == 0;
+}
+
 size_t COptimalBiasDulo::NextSegmentBytes(const uint8_t* pUnc, size_t bytesToDo, const size_t& cellSize) const
 {
-    if (cellSize == 2 && m_reduceWordSize) {
-        // Up to 8192 bytes of 16-bit cells that all fit in a byte make one segment.
-        const size_t bytesToTest = std::min<size_t>(bytesToDo, 2 * STD_SEGSIZE);
-        // The OR of the cells, four at a time and then singly.
-        uint64_t result = OrOfWords(pUnc, bytesToTest / 8, 0);
-        size_t i = bytesToTest / 8 * 8;
-        for (; i < bytesToTest; i += 2)
-            result |= LoadLE<uint16_t>(pUnc + i);
-        if ((result & 0xFF00FF00FF00FF00ull) == 0)
+    if (MayEnlargeSegments(cellSize)) {
+        const size_t bytesToTest = SegmentBytes(bytesToDo, true);
+        if (ShortsFitInBytes(pUnc, bytesToTest))
             return bytesToTest;
     }
-    return std::min<size_t>(bytesToDo, STD_SEGSIZE);
+    return SegmentBytes(bytesToDo, false);
 }
 
 size_t COptimalBiasDulo::Compress(void* pUncData, const size_t& uncSize, const size_t& cellSize, uint8_t* cmpBuff,

@@ -123,6 +123,18 @@ private:
 
     // Bytes of the next segment of the input at pUnc, of which bytesToDo remain.
     size_t NextSegmentBytes(const uint8_t* pUnc, size_t bytesToDo, const size_t& cellSize) const;
+    // Whether segments may be enlarged to 2 * STD_SEGSIZE bytes of 16-bit cells that all fit in a
+    // byte (word-size reduction).
+    bool MayEnlargeSegments(const size_t& cellSize) const { return cellSize == 2 && m_reduceWordSize; }
+    // Whether every 16-bit cell of the `bytes` bytes at p fits in a byte.
+    static bool ShortsFitInBytes(const uint8_t* p, size_t bytes);
+    // Bytes of a segment when bytesToDo remain and the next 2 * STD_SEGSIZE of them (or all that
+    // remain) make an enlarged segment, or not.
+    static size_t SegmentBytes(size_t bytesToDo, bool enlarged)
+    {
+        const size_t most = enlarged ? 2 * size_t(STD_SEGSIZE) : STD_SEGSIZE;
+        return bytesToDo < most ? bytesToDo : most;
+    }
     // Codes one segment with the level's choice of segmin and bias; 0 on failure.
     size_t CompressSegment(void* pUncData, const uint16_t& segSize, const size_t& cellSize, uint8_t* pCmpBuff);
     template <typename T>

@@ -12,6 +12,8 @@ namespace {
 // Segments per task: large enough that taking a task costs nothing, small enough to share out.
 constexpr size_t CODE_RANGE = 8;
 constexpr size_t DECODE_RANGE = 16;
+// Blocks per task when finding which of them fit in bytes.
+constexpr size_t FIT_RANGE = 32;
 
 size_t RoundUp(size_t value, size_t multiple) { return (value + multiple - 1) / multiple * multiple; }
 
@@ -25,11 +27,7 @@ CParallelSegments::CParallelSegments(COptimalBiasDulo& codec, const uint8_t* pUn
       m_stride(RoundUp(codec.GetWorstCaseCmpBufSize(cellSize, 2 * COptimalBiasDulo::STD_SEGSIZE), 64)),
       m_segsBefore(codec.m_segsProcessed)
 {
-    for (size_t offset = 0; offset < uncSize;) {
-        const size_t bytes = codec.NextSegmentBytes(pUnc + offset, uncSize - offset, cellSize);
-        m_segments.push_back({offset, bytes, 0, 0});
-        offset += bytes;
-    }
+    Segment(uncSize);
     const size_t level = codec.m_compressLevel;
     const bool hinted = level >= COptimalBiasDulo::HINT_OPTBIAS_COMP_LEVEL &&
                         level < COptimalBiasDulo::FIND_OPTBIAS_COMP_LEVEL;
@@ -48,6 +46,30 @@ CParallelSegments::CParallelSegments(COptimalBiasDulo& codec, const uint8_t* pUn
     }
     // Task 0 is the chain; whoever takes it never waits, and the ranges wait only for it.
     RunTasks(threads, ranges + 1, [this](size_t task) { task == 0 ? CodeChain() : CodeRange(task - 1); });
+}
+
+void CParallelSegments::Segment(size_t uncSize)
+{
+    constexpr size_t BLOCK = COptimalBiasDulo::STD_SEGSIZE;
+    // Segments start at multiples of BLOCK, and an enlarged one spans two blocks: whether each
+    // block's cells fit in bytes is learnt on the pool, and the segments then follow in turn.
+    std::vector<uint8_t> fits;
+    if (m_codec.MayEnlargeSegments(m_cellSize)) {
+        fits.resize(TaskCount(uncSize, BLOCK));
+        RunTasks(m_threads, TaskCount(fits.size(), FIT_RANGE), [&](size_t task) {
+            const size_t end = std::min(fits.size(), (task + 1) * FIT_RANGE);
+            for (size_t block = task * FIT_RANGE; block < end; ++block)
+                fits[block] = COptimalBiasDulo::ShortsFitInBytes(m_pUnc + block * BLOCK,
+                                                                 std::min(BLOCK, uncSize - block * BLOCK));
+        });
+    }
+    for (size_t offset = 0; offset < uncSize;) {
+        const size_t block = offset / BLOCK, left = uncSize - offset;
+        const bool enlarged = !fits.empty() && fits[block] && (left <= BLOCK || fits[block + 1]);
+        const size_t bytes = COptimalBiasDulo::SegmentBytes(left, enlarged);
+        m_segments.push_back({offset, bytes, 0, 0});
+        offset += bytes;
+    }
 }
 
 bool CParallelSegments::RenewsHint(size_t segment) const

@@ -44,6 +44,8 @@ private:
     };
 
     bool RenewsHint(size_t segment) const;
+    // Cuts the input into segments as the codec does one after the other.
+    void Segment(size_t uncSize);
     void CodeSegment(size_t segment, uint64_t hint);
     void CodeChain();
     void CodeRange(size_t task);
