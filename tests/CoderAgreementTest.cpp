@@ -259,18 +259,23 @@ TEST(Boundaries, NonMatchRunsAroundTheRunEntryLimit)
 
 TEST(Boundaries, NibbleRunsAroundTheShortAndByteRunLengths)
 {
-    for (size_t length : {1, 2, 3, 4, 14, 15, 16, 17, 254, 255, 256, 257, 600}) {
+    // Around the window kernel's 64 slots too: a run that fills a window, and one that is longer.
+    for (size_t length : {1, 2, 3, 4, 14, 15, 16, 17, 63, 64, 65, 254, 255, 256, 257, 600}) {
         for (uint8_t escape : {uint8_t(0), uint8_t(3), uint8_t(15)}) {
             const uint8_t value = uint8_t((escape + 5) % 16);
-            for (size_t at : {size_t(0), size_t(500), size_t(1000 - length % 1000)}) {
-                // Literals that never equal the escape, with the run inside them.
-                std::vector<uint8_t> plane(1000 + length);
-                for (size_t i = 0; i < plane.size(); ++i)
-                    plane[i] = uint8_t((escape + 1 + (i * 7) % 15) % 16);
-                std::fill_n(plane.begin() + std::ptrdiff_t(at), length, value);
-                ExpectNibbleCodersAgree({plane}, {escape},
-                                        "run of " + std::to_string(length) + " at " + std::to_string(at) +
-                                            ", escape " + std::to_string(escape));
+            for (size_t at : {size_t(0), size_t(1), size_t(500), size_t(1000 - length % 1000)}) {
+                // Literals that never equal the escape, alone (coded run by run) or in runs of
+                // three (dense enough for the window kernel), with the run inside them.
+                for (size_t spread : {1, 3}) {
+                    std::vector<uint8_t> plane(1000 + length);
+                    for (size_t i = 0; i < plane.size(); ++i)
+                        plane[i] = uint8_t((escape + 1 + (i / spread * 7) % 15) % 16);
+                    std::fill_n(plane.begin() + std::ptrdiff_t(at), length, value);
+                    ExpectNibbleCodersAgree({plane}, {escape},
+                                            "run of " + std::to_string(length) + " at " + std::to_string(at) +
+                                                ", escape " + std::to_string(escape) + ", literals " +
+                                                std::to_string(spread) + " in a row");
+                }
             }
         }
     }
@@ -284,6 +289,11 @@ TEST(Boundaries, RunLengthsEqualToTheEscapeAndRunsAcrossPlanes)
         std::vector<uint8_t> plane(escape, value);
         plane.push_back(uint8_t((value + 1) % 16 == escape ? (value + 2) % 16 : (value + 1) % 16));
         ExpectNibbleCodersAgree({plane}, {escape}, "run equal to escape " + std::to_string(escape));
+        // Runs of every length from 1 to 20 in turn, dense enough for the window kernel.
+        std::vector<uint8_t> runs;
+        for (size_t length = 1; length <= 20; ++length)
+            runs.insert(runs.end(), length, uint8_t((escape + 1 + length % 2) % 16));
+        ExpectNibbleCodersAgree({runs}, {escape}, "runs of 1 to 20, escape " + std::to_string(escape));
     }
     // A run that reaches the end of one plane goes on in the next, whose escape differs.
     for (size_t head : {1, 2, 15, 16, 255, 256}) {

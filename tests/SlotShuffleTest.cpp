@@ -132,15 +132,15 @@ TEST(KernelDispatch, EachSetRunsItsOwnKernels)
         MapGroupsFn mapGroups;
         CNibbleKernels nibbles;
     } expected[] = {
-        {EKernelSet::PORTABLE, "portable", SpreadSlotsPortable, ClassifySlotsPortable, nullptr, {MarkRepeatsPortable, PackNibblesPortable}},
+        {EKernelSet::PORTABLE, "portable", SpreadSlotsPortable, ClassifySlotsPortable, nullptr, {MarkRepeatsPortable, PackNibblesPortable, nullptr}},
 #ifdef MERTAX_HAVE_X86_KERNELS
-        {EKernelSet::SSSE3, "ssse3", SpreadSlotsSsse3, ClassifySlotsSsse3, nullptr, {MarkRepeatsPortable, PackNibblesPortable}},
-        {EKernelSet::AVX2, "avx2", SpreadSlotsSsse3, ClassifySlotsSsse3, CodeMapGroupsAvx2, {MarkRepeatsAvx2, PackNibblesAvx2}},
+        {EKernelSet::SSSE3, "ssse3", SpreadSlotsSsse3, ClassifySlotsSsse3, nullptr, {MarkRepeatsPortable, PackNibblesPortable, nullptr}},
+        {EKernelSet::AVX2, "avx2", SpreadSlotsSsse3, ClassifySlotsSsse3, CodeMapGroupsAvx2, {MarkRepeatsAvx2, PackNibblesAvx2, nullptr}},
         {EKernelSet::AVX512, "avx512", SpreadSlotsAvx512, ClassifySlotsAvx512, CodeMapGroupsAvx512,
-         {MarkRepeatsAvx512, PackNibblesAvx512}},
+         {MarkRepeatsAvx512, PackNibblesAvx512, CodeRunWindowsAvx512}},
 #endif
 #ifdef MERTAX_HAVE_NEON_KERNELS
-        {EKernelSet::NEON, "neon", SpreadSlotsNeon, ClassifySlotsNeon, nullptr, {MarkRepeatsNeon, PackNibblesNeon}},
+        {EKernelSet::NEON, "neon", SpreadSlotsNeon, ClassifySlotsNeon, nullptr, {MarkRepeatsNeon, PackNibblesNeon, nullptr}},
 #endif
     };
     for (const Expected& e : expected) {
@@ -152,6 +152,7 @@ TEST(KernelDispatch, EachSetRunsItsOwnKernels)
         EXPECT_EQ(kernels.mapGroups, e.mapGroups);
         EXPECT_EQ(kernels.nibbles.markRepeats, e.nibbles.markRepeats);
         EXPECT_EQ(kernels.nibbles.pack, e.nibbles.pack);
+        EXPECT_EQ(kernels.nibbles.codeRunWindows, e.nibbles.codeRunWindows);
         const bool supported = std::find(SupportedKernelSets().begin(), SupportedKernelSets().end(), e.set) !=
                                SupportedKernelSets().end();
         EXPECT_EQ(UseKernelSet(e.set), supported);

@@ -5,18 +5,18 @@
 namespace {
 
 constexpr CKernels PORTABLE_KERNELS = {"portable", SpreadSlotsPortable, ClassifySlotsPortable, nullptr,
-                                       {MarkRepeatsPortable, PackNibblesPortable}};
+                                       {MarkRepeatsPortable, PackNibblesPortable, nullptr}};
 #ifdef MERTAX_HAVE_X86_KERNELS
 constexpr CKernels SSSE3_KERNELS = {"ssse3", SpreadSlotsSsse3, ClassifySlotsSsse3, nullptr,
-                                    {MarkRepeatsPortable, PackNibblesPortable}};
+                                    {MarkRepeatsPortable, PackNibblesPortable, nullptr}};
 constexpr CKernels AVX2_KERNELS = {"avx2", SpreadSlotsSsse3, ClassifySlotsSsse3, CodeMapGroupsAvx2,
-                                   {MarkRepeatsAvx2, PackNibblesAvx2}};
+                                   {MarkRepeatsAvx2, PackNibblesAvx2, nullptr}};
 constexpr CKernels AVX512_KERNELS = {"avx512", SpreadSlotsAvx512, ClassifySlotsAvx512,
-                                     CodeMapGroupsAvx512, {MarkRepeatsAvx512, PackNibblesAvx512}};
+                                     CodeMapGroupsAvx512, {MarkRepeatsAvx512, PackNibblesAvx512, CodeRunWindowsAvx512}};
 #endif
 #ifdef MERTAX_HAVE_NEON_KERNELS
 constexpr CKernels NEON_KERNELS = {"neon", SpreadSlotsNeon, ClassifySlotsNeon, nullptr,
-                                   {MarkRepeatsNeon, PackNibblesNeon}};
+                                   {MarkRepeatsNeon, PackNibblesNeon, nullptr}};
 #endif
 
 std::vector<EKernelSet> DetectKernelSets()

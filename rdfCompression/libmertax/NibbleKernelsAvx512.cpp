@@ -1,6 +1,7 @@
 // The nibble coder's kernels on AVX-512 (BW): a word's 64 repeat marks in one compare against
-// themselves one byte back, straight into a mask; the pack 32 bytes at a time. Only these
-// functions carry the wider target; KernelDispatch calls them only where the processor has it.
+// themselves one byte back, straight into a mask; the pack 32 bytes at a time; with VBMI2, a
+// window of runs coded at once. Only these functions carry the wider target; KernelDispatch
+// calls them only where the processor has it.
 #include "NibbleKernels.h"
 
 #ifdef __x86_64__
@@ -32,5 +33,70 @@ __attribute__((target("avx512f,avx512bw"))) void PackNibblesAvx512(const uint8_t
         _mm256_storeu_si256(reinterpret_cast<__m256i*>(pOut + k), _mm512_maskz_cvtepi16_epi8(~__mmask32(0), pairs));
     }
     PackNibblesFrom(k, pStaged, bytes, pOut);
+}
+
+// A run of r slots of v codes to v, then: nothing (r = 1); v (r = 2); E r (3 to 15); v E r-1 when
+// r is the escape E itself (v v for r = 3); E E r>>4 r&15 (16 and more). Each is no longer than
+// its run, so slot k of a run takes the run's k-th code nibble or is dropped, and a window's
+// stream is its slots' values compacted. What a slot needs: its distance k from the run's start
+// (from the repeat marks; only k < 5 matters) and its run's length (each start's distance to the
+// next start, copied over the run's first five slots).
+__attribute__((target("avx512f,avx512bw,avx512vbmi,avx512vbmi2,popcnt,lzcnt"))) size_t
+CodeRunWindowsAvx512(const uint8_t* pNibbles, size_t from, size_t count, uint8_t escape, uint8_t*& pOut)
+{
+    const __m512i slot = _mm512_set_epi8(63, 62, 61, 60, 59, 58, 57, 56, 55, 54, 53, 52, 51, 50, 49, 48, 47, 46, 45,
+                                         44, 43, 42, 41, 40, 39, 38, 37, 36, 35, 34, 33, 32, 31, 30, 29, 28, 27, 26,
+                                         25, 24, 23, 22, 21, 20, 19, 18, 17, 16, 15, 14, 13, 12, 11, 10, 9, 8, 7, 6, 5,
+                                         4, 3, 2, 1, 0);
+    const __m512i one = _mm512_set1_epi8(1), e = _mm512_set1_epi8(char(escape)), low = _mm512_set1_epi8(0xF);
+    const __m512i two = _mm512_set1_epi8(2), three = _mm512_set1_epi8(3), sixteen = _mm512_set1_epi8(16);
+    uint8_t* pStream = pOut;
+    size_t i = from;
+    while (i < count) {
+        const uint8_t* p = pNibbles + i;
+        const size_t left = count - i;
+        const __m512i v = _mm512_loadu_si512(p);
+        // Bit j: slot j goes on with the run of slot j - 1 (slot 0 starts one).
+        uint64_t same = _mm512_cmpeq_epi8_mask(v, _mm512_loadu_si512(p - 1)) & ~uint64_t(1);
+        unsigned end = 64;
+        if (left < 64) {
+            end = unsigned(left);
+            same &= LowBits(end);
+        } else if (left > 64 && p[64] == p[63]) {
+            // The window ends where the last run that ends within it ends.
+            if (same == ~uint64_t(1))
+                break;
+            end = 63 - unsigned(__builtin_clzll(~same));
+        }
+        const uint64_t in = LowBits(end);
+        same &= in;
+        const uint64_t starts = ~same & in;
+        const uint64_t lasts = (starts >> 1 | uint64_t(1) << (end - 1)) & in;
+        // Run lengths in order, then each at its run's start, then copied to slots 1 to 4 of the run.
+        const __m512i lengths = _mm512_sub_epi8(_mm512_maskz_compress_epi8(lasts, _mm512_add_epi8(slot, one)),
+                                                _mm512_maskz_compress_epi8(starts, slot));
+        const __m512i atStart = _mm512_maskz_expand_epi8(starts, lengths);
+        const uint64_t k2 = same & same << 1, k3 = k2 & same << 2, k4 = k3 & same << 3, k5 = k4 & same << 4;
+        const uint64_t at1 = same & ~k2, at2 = k2 & ~k3, at3 = k3 & ~k4, at4 = k4 & ~k5;
+        const __m512i back1 = _mm512_sub_epi8(slot, one), back2 = _mm512_sub_epi8(slot, two);
+        __m512i r = _mm512_mask_permutexvar_epi8(atStart, at1, back1, atStart);
+        r = _mm512_mask_permutexvar_epi8(r, at2, back2, atStart);
+        r = _mm512_mask_permutexvar_epi8(r, at3, _mm512_sub_epi8(back2, one), atStart);
+        r = _mm512_mask_permutexvar_epi8(r, at4, _mm512_sub_epi8(back2, two), atStart);
+        const uint64_t isTwo = _mm512_cmpeq_epi8_mask(r, two), isThree = _mm512_cmpeq_epi8_mask(r, three);
+        const uint64_t isE = _mm512_cmpeq_epi8_mask(r, e), isLong = _mm512_cmpge_epu8_mask(r, sixteen);
+        const uint64_t escapeRun = isE & ~isThree; // v v E r-1 (E = 3: v v v)
+        __m512i out = _mm512_mask_mov_epi8(v, (at1 & ~(isTwo | isE)) | (at2 & (escapeRun | isLong)), e);
+        out = _mm512_mask_mov_epi8(out, at2 & ~(isE | isLong), r);
+        out = _mm512_mask_mov_epi8(out, at3 & escapeRun, _mm512_sub_epi8(r, one));
+        out = _mm512_mask_mov_epi8(out, at3 & isLong, _mm512_and_si512(_mm512_srli_epi16(r, 4), low));
+        out = _mm512_mask_mov_epi8(out, at4, _mm512_and_si512(r, low));
+        const uint64_t keep = starts | at1 | at2 | (at3 & (escapeRun | isLong)) | (at4 & isLong);
+        _mm512_storeu_si512(pStream, _mm512_maskz_compress_epi8(keep, out));
+        pStream += __builtin_popcountll(keep);
+        i += end;
+    }
+    pOut = pStream;
+    return i;
 }
 #endif
