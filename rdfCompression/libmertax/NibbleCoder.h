@@ -44,23 +44,49 @@ public:
         uint64_t same[MAX_PLANE_NIBBLES / 64 + 1], third[MAX_PLANE_NIBBLES / 64 + 1];
         pNibbles[-1] = m_lastNM;
         const size_t words = m_kernels.markRepeats(pNibbles, count, same, third);
-        // The stream stays in a local: stores to the staging bytes could otherwise alias the members.
+        // The stream and the last literal stay in locals: stores to the staging bytes could
+        // otherwise alias the members.
         uint8_t* pOut = m_aStaged + m_staged;
+        uint8_t last = m_lastNM;
         size_t i = 0;
-        if (pNibbles[0] == m_lastNM) {
+        if (pNibbles[0] == last) {
             // The plane opens with the open run's nibble: those slots only lengthen the run.
             const size_t lead = NextClear(same, words, 0, count);
             const size_t room = NM_RUN_LENGTH_MAX - 1;
             i = lead < room ? lead : room;
-            pOut = PutRun(pOut, unsigned(1 + i), m_lastNM, escape);
+            pOut = PutRun(pOut, unsigned(1 + i), last, escape);
         }
-        // From i on, runs start afresh (i is never inside a run begun before it).
-        if (m_kernels.codeRunWindows != nullptr && RunsAreDense(third, words, count - i))
-            pOut = CodeWindows(pOut, pNibbles, i, count, escape, same, words);
-        else
-            pOut = CodeRuns(pOut, pNibbles, i, count, escape, same, third, words);
+        if (m_kernels.codeRunWindows != nullptr && RunsAreDense(third, words)) {
+            // From i on, runs start afresh (i is never inside a run begun before it).
+            m_staged = size_t(CodeWindows(pOut, pNibbles, i, count, escape, same, words) - m_aStaged);
+            m_lastNM = pNibbles[count - 1];
+            return;
+        }
+        // From i on, runs start afresh (i is never inside a run begun before it). A run of three or
+        // more starts two slots before the first of its "third in a row" bits, so each word's
+        // run starts come from its own bits and the last bit of the word before; only the literal
+        // count and the output pointer carry from one run to the next.
+        size_t w = (i + 2) / 64;
+        uint64_t thirds = w < words ? third[w] & (~uint64_t(0) << ((i + 2) % 64)) : 0;
+        for (uint64_t carry = 0; w < words;) {
+            for (uint64_t starts = thirds & ~(thirds << 1 | carry); starts != 0; starts &= starts - 1) {
+                const size_t start = 64 * w + unsigned(__builtin_ctzll(starts)) - 2;
+                pOut = CopyLiterals(pOut, pNibbles + i, start + 1 - i);
+                last = pNibbles[start];
+                const size_t end = NextClear(same, words, start + 2, count);
+                pOut = PutCappedRun(pOut, end - start, last, escape);
+                i = end;
+            }
+            carry = thirds >> 63;
+            if (++w < words)
+                thirds = third[w];
+        }
+        if (i < count) {
+            pOut = CopyLiterals(pOut, pNibbles + i, count - i);
+            last = pNibbles[count - 1];
+        }
         m_staged = size_t(pOut - m_aStaged);
-        m_lastNM = pNibbles[count - 1];
+        m_lastNM = last;
     }
 
     // Closes the stream (lastEscape is the bias's lowest nibble) and packs it into pOut, of which
@@ -110,35 +136,14 @@ private:
 
     // Whether runs of three or more come often enough (three in 64 slots) for the window
     // kernel, whose cost is per window, to beat coding them one by one, whose cost is per run.
-    static bool RunsAreDense(const uint64_t* pThird, size_t words, size_t slots)
+    // Eight words spread over the plane tell well enough, at little cost.
+    static bool RunsAreDense(const uint64_t* pThird, size_t words)
     {
-        size_t runs = 0;
-        for (size_t w = 0; w < words; ++w)
+        const size_t stride = words / 8 + 1;
+        size_t runs = 0, sampled = 0;
+        for (size_t w = 0; w < words; w += stride, ++sampled)
             runs += BitCount(pThird[w] & ~(pThird[w] << 1));
-        return runs * 64 >= WINDOW_RUNS_MIN * slots;
-    }
-
-    // Run by run: a run of three or more starts two slots before the first of its "third in a
-    // row" bits, so each word's run starts come from its own bits and the last bit of the word
-    // before; the literals between runs are copied as they stand.
-    static uint8_t* CodeRuns(uint8_t* pOut, const uint8_t* pNibbles, size_t i, size_t count, uint8_t escape,
-                             const uint64_t* pSame, const uint64_t* pThird, size_t words)
-    {
-        size_t w = (i + 2) / 64;
-        uint64_t thirds = w < words ? pThird[w] & (~uint64_t(0) << ((i + 2) % 64)) : 0;
-        for (uint64_t carry = 0; w < words;) {
-            for (uint64_t starts = thirds & ~(thirds << 1 | carry); starts != 0; starts &= starts - 1) {
-                const size_t start = 64 * w + unsigned(__builtin_ctzll(starts)) - 2;
-                pOut = CopyLiterals(pOut, pNibbles + i, start + 1 - i);
-                const size_t end = NextClear(pSame, words, start + 2, count);
-                pOut = PutCappedRun(pOut, end - start, pNibbles[start], escape);
-                i = end;
-            }
-            carry = thirds >> 63;
-            if (++w < words)
-                thirds = pThird[w];
-        }
-        return i < count ? CopyLiterals(pOut, pNibbles + i, count - i) : pOut;
+        return runs >= WINDOW_RUNS_MIN * sampled;
     }
 
     // Window by window, each up to the last run that ends within 64 slots; a longer run is coded
@@ -146,7 +151,7 @@ private:
     uint8_t* CodeWindows(uint8_t* pOut, const uint8_t* pNibbles, size_t i, size_t count, uint8_t escape,
                          const uint64_t* pSame, size_t words) const
     {
-        while ((i = m_kernels.codeRunWindows(pNibbles, i, count, escape, pOut)) < count) {
+        while ((i = m_kernels.codeRunWindows(pNibbles, pSame, i, count, escape, pOut)) < count) {
             const size_t end = NextClear(pSame, words, i + 1, count);
             *pOut++ = pNibbles[i];
             pOut = PutCappedRun(pOut, end - i, pNibbles[i], escape);

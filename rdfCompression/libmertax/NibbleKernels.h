@@ -39,13 +39,15 @@ inline void PackNibblesFrom(size_t done, const uint8_t* pStaged, size_t bytes, u
         pOut[k] = uint8_t(pStaged[2 * k] << 4 | pStaged[2 * k + 1]);
 }
 
-// Codes the runs of nibbles pNibbles[from] to pNibbles[count - 1] (slot `from` starts a run
-// whatever came before it) as the run-by-run coder would, window by window: each window reaches
-// up to the last run that ends within 64 slots, so its runs are whole and none reaches the cap of
-// 255. Stops at count or at the start of a run longer than 64 slots, and returns where. Writes
-// the stream's nibbles at pOut (up to 64 bytes past them) and advances it. Reads pNibbles[from -
-// 1] to pNibbles[count + 63]. Null in sets without it: the coder then takes each run on its own.
-using RunWindowFn = size_t (*)(const uint8_t* pNibbles, size_t from, size_t count, uint8_t escape, uint8_t*& pOut);
+// Codes the runs of nibbles pNibbles[from] to pNibbles[count - 1], whose repeat marks are
+// pSame's (slot `from` starts a run whatever came before it), as the run-by-run coder would,
+// window by window: each window reaches up to the last run that ends within 64 slots, so its runs
+// are whole and none reaches the cap of 255. Stops at count or at the start of a run longer than
+// 64 slots, and returns where. Writes the stream's nibbles at pOut (up to 64 bytes past them) and
+// advances it. Reads pNibbles[from] to pNibbles[count + 63]. Null in sets without it: the coder
+// then takes each run on its own.
+using RunWindowFn = size_t (*)(const uint8_t* pNibbles, const uint64_t* pSame, size_t from, size_t count,
+                               uint8_t escape, uint8_t*& pOut);
 
 struct CNibbleKernels
 {
@@ -61,7 +63,8 @@ size_t MarkRepeatsAvx2(const uint8_t* pNibbles, size_t count, uint64_t* pSame, u
 void PackNibblesAvx2(const uint8_t* pStaged, size_t bytes, uint8_t* pOut);
 size_t MarkRepeatsAvx512(const uint8_t* pNibbles, size_t count, uint64_t* pSame, uint64_t* pThird);
 void PackNibblesAvx512(const uint8_t* pStaged, size_t bytes, uint8_t* pOut);
-size_t CodeRunWindowsAvx512(const uint8_t* pNibbles, size_t from, size_t count, uint8_t escape, uint8_t*& pOut);
+size_t CodeRunWindowsAvx512(const uint8_t* pNibbles, const uint64_t* pSame, size_t from, size_t count, uint8_t escape,
+                            uint8_t*& pOut);
 #endif
 #if defined(__aarch64__)
 size_t MarkRepeatsNeon(const uint8_t* pNibbles, size_t count, uint64_t* pSame, uint64_t* pThird);

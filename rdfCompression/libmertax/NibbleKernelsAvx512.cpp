@@ -42,7 +42,8 @@ __attribute__((target("avx512f,avx512bw"))) void PackNibblesAvx512(const uint8_t
 // (from the repeat marks; only k < 5 matters) and its run's length (each start's distance to the
 // next start, copied over the run's first five slots).
 __attribute__((target("avx512f,avx512bw,avx512vbmi,avx512vbmi2,popcnt,lzcnt"))) size_t
-CodeRunWindowsAvx512(const uint8_t* pNibbles, size_t from, size_t count, uint8_t escape, uint8_t*& pOut)
+CodeRunWindowsAvx512(const uint8_t* pNibbles, const uint64_t* pSame, size_t from, size_t count, uint8_t escape,
+                     uint8_t*& pOut)
 {
     const __m512i slot = _mm512_set_epi8(63, 62, 61, 60, 59, 58, 57, 56, 55, 54, 53, 52, 51, 50, 49, 48, 47, 46, 45,
                                          44, 43, 42, 41, 40, 39, 38, 37, 36, 35, 34, 33, 32, 31, 30, 29, 28, 27, 26,
@@ -50,24 +51,28 @@ CodeRunWindowsAvx512(const uint8_t* pNibbles, size_t from, size_t count, uint8_t
                                          4, 3, 2, 1, 0);
     const __m512i one = _mm512_set1_epi8(1), e = _mm512_set1_epi8(char(escape)), low = _mm512_set1_epi8(0xF);
     const __m512i two = _mm512_set1_epi8(2), three = _mm512_set1_epi8(3), sixteen = _mm512_set1_epi8(16);
+    const __m512i back1 = _mm512_sub_epi8(slot, one), back2 = _mm512_sub_epi8(back1, one);
+    const __m512i back3 = _mm512_sub_epi8(back2, one), back4 = _mm512_sub_epi8(back3, one);
+    const size_t lastWord = (count - 1) / 64;
     uint8_t* pStream = pOut;
     size_t i = from;
     while (i < count) {
-        const uint8_t* p = pNibbles + i;
-        const size_t left = count - i;
-        const __m512i v = _mm512_loadu_si512(p);
+        // The window's repeat marks come from the plane's, so that where the next window starts
+        // depends on a few scalar steps only and windows overlap in the processor.
+        const size_t w = i / 64, left = count - i;
+        const unsigned shift = unsigned(i % 64);
+        const uint64_t next = w < lastWord ? pSame[w + 1] : 0;
         // Bit j: slot j goes on with the run of slot j - 1 (slot 0 starts one).
-        uint64_t same = _mm512_cmpeq_epi8_mask(v, _mm512_loadu_si512(p - 1)) & ~uint64_t(1);
-        unsigned end = 64;
-        if (left < 64) {
-            end = unsigned(left);
-            same &= LowBits(end);
-        } else if (left > 64 && p[64] == p[63]) {
-            // The window ends where the last run that ends within it ends.
+        uint64_t same = (pSame[w] >> shift | (next << 1) << (63 - shift)) & ~uint64_t(1);
+        unsigned end = left < 64 ? unsigned(left) : 64;
+        if (left > 64 && (next >> shift & 1) != 0) {
+            // Slot 64 goes on with the run of slot 63: the window ends where the last run that
+            // ends within it ends.
             if (same == ~uint64_t(1))
                 break;
             end = 63 - unsigned(__builtin_clzll(~same));
         }
+        const __m512i v = _mm512_loadu_si512(pNibbles + i);
         const uint64_t in = LowBits(end);
         same &= in;
         const uint64_t starts = ~same & in;
@@ -78,11 +83,12 @@ CodeRunWindowsAvx512(const uint8_t* pNibbles, size_t from, size_t count, uint8_t
         const __m512i atStart = _mm512_maskz_expand_epi8(starts, lengths);
         const uint64_t k2 = same & same << 1, k3 = k2 & same << 2, k4 = k3 & same << 3, k5 = k4 & same << 4;
         const uint64_t at1 = same & ~k2, at2 = k2 & ~k3, at3 = k3 & ~k4, at4 = k4 & ~k5;
-        const __m512i back1 = _mm512_sub_epi8(slot, one), back2 = _mm512_sub_epi8(slot, two);
-        __m512i r = _mm512_mask_permutexvar_epi8(atStart, at1, back1, atStart);
-        r = _mm512_mask_permutexvar_epi8(r, at2, back2, atStart);
-        r = _mm512_mask_permutexvar_epi8(r, at3, _mm512_sub_epi8(back2, one), atStart);
-        r = _mm512_mask_permutexvar_epi8(r, at4, _mm512_sub_epi8(back2, two), atStart);
+        // Four independent copies joined by two three-way ORs, rather than a chain of four.
+        const __m512i r = _mm512_ternarylogic_epi64(
+            _mm512_ternarylogic_epi64(atStart, _mm512_maskz_permutexvar_epi8(at1, back1, atStart),
+                                      _mm512_maskz_permutexvar_epi8(at2, back2, atStart), 0xFE),
+            _mm512_maskz_permutexvar_epi8(at3, back3, atStart), _mm512_maskz_permutexvar_epi8(at4, back4, atStart),
+            0xFE);
         const uint64_t isTwo = _mm512_cmpeq_epi8_mask(r, two), isThree = _mm512_cmpeq_epi8_mask(r, three);
         const uint64_t isE = _mm512_cmpeq_epi8_mask(r, e), isLong = _mm512_cmpge_epu8_mask(r, sixteen);
         const uint64_t escapeRun = isE & ~isThree; // v v E r-1 (E = 3: v v v)
