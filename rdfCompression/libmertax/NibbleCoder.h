@@ -117,7 +117,7 @@ public:
 
 private:
     static constexpr unsigned NM_RUN_LENGTH_MAX = 255;
-    static constexpr size_t WINDOW_RUNS_MIN = 3; // runs of three or more in 64 slots
+    static constexpr size_t WINDOW_RUNS_MIN = 2; // runs of three or more in 64 slots
 
     // The first position at or after `from` whose bit is clear, or `count`.
     static size_t NextClear(const uint64_t* pSame, size_t words, size_t from, size_t count)
@@ -134,7 +134,7 @@ private:
         return 64 * w + unsigned(__builtin_ctzll(clear));
     }
 
-    // Whether runs of three or more come often enough (three in 64 slots) for the window
+    // Whether runs of three or more come often enough (two in 64 slots) for the window
     // kernel, whose cost is per window, to beat coding them one by one, whose cost is per run.
     // Eight words spread over the plane tell well enough, at little cost.
     static bool RunsAreDense(const uint64_t* pThird, size_t words)

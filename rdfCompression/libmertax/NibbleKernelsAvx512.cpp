@@ -38,9 +38,62 @@ __attribute__((target("avx512f,avx512bw"))) void PackNibblesAvx512(const uint8_t
 // A run of r slots of v codes to v, then: nothing (r = 1); v (r = 2); E r (3 to 15); v E r-1 when
 // r is the escape E itself (v v for r = 3); E E r>>4 r&15 (16 and more). Each is no longer than
 // its run, so slot k of a run takes the run's k-th code nibble or is dropped, and a window's
-// stream is its slots' values compacted. What a slot needs: its distance k from the run's start
-// (from the repeat marks; only k < 5 matters) and its run's length (each start's distance to the
-// next start, copied over the run's first five slots).
+// stream is its slots' values compacted.
+namespace {
+
+constexpr uint8_t CODE_KEPT = 0x40;  // the slot is kept
+constexpr uint8_t CODE_VALUE = 0x80; // with its own value; otherwise with the low four bits
+
+// RUN_CODES[E][k - 1][r % 64]: the k-th code nibble (k = 1 to 4) of a run of r (1 to 64) under
+// escape E.
+struct SRunCodes
+{
+    uint8_t m_aCode[16][4][64];
+};
+
+constexpr SRunCodes MakeRunCodes()
+{
+    SRunCodes codes{};
+    for (unsigned escape = 0; escape < 16; ++escape) {
+        for (unsigned r = 1; r <= 64; ++r) {
+            uint8_t seq[4] = {};
+            if (r == 2) {
+                seq[0] = CODE_KEPT | CODE_VALUE;
+            } else if (r == escape && r == 3) {
+                seq[0] = seq[1] = CODE_KEPT | CODE_VALUE;
+            } else if (r == escape && r > 3) {
+                seq[0] = CODE_KEPT | CODE_VALUE;
+                seq[1] = uint8_t(CODE_KEPT | escape);
+                seq[2] = uint8_t(CODE_KEPT | (r - 1));
+            } else if (r >= 3 && r <= 15) {
+                seq[0] = uint8_t(CODE_KEPT | escape);
+                seq[1] = uint8_t(CODE_KEPT | r);
+            } else if (r >= 16) {
+                seq[0] = seq[1] = uint8_t(CODE_KEPT | escape);
+                seq[2] = uint8_t(CODE_KEPT | (r >> 4));
+                seq[3] = uint8_t(CODE_KEPT | (r & 0xF));
+            }
+            for (unsigned k = 0; k < 4; ++k)
+                codes.m_aCode[escape][k][r % 64] = seq[k];
+        }
+    }
+    return codes;
+}
+
+constexpr SRunCodes RUN_CODES = MakeRunCodes();
+
+// At the slots `at` (slot k of their runs), code nibble k of their runs: looked up in `table` by
+// the length at each run's start, then moved k slots on (`back` holds each slot's number less k).
+__attribute__((target("avx512f,avx512bw,avx512vbmi"))) inline __m512i
+CodeNibbleAt(uint64_t at, __m512i back, uint64_t starts, __m512i atStart, __m512i table)
+{
+    return _mm512_maskz_permutexvar_epi8(at, back, _mm512_maskz_permutexvar_epi8(starts, atStart, table));
+}
+
+} // namespace
+
+// Each window: the run lengths from its repeat marks, each looked up at its run's start in the
+// tables of the code's nibbles 1 to 4, those moved 1 to 4 slots on, and the kept slots compacted.
 __attribute__((target("avx512f,avx512bw,avx512vbmi,avx512vbmi2,popcnt,lzcnt"))) size_t
 CodeRunWindowsAvx512(const uint8_t* pNibbles, const uint64_t* pSame, size_t from, size_t count, uint8_t escape,
                      uint8_t*& pOut)
@@ -49,10 +102,14 @@ CodeRunWindowsAvx512(const uint8_t* pNibbles, const uint64_t* pSame, size_t from
                                          44, 43, 42, 41, 40, 39, 38, 37, 36, 35, 34, 33, 32, 31, 30, 29, 28, 27, 26,
                                          25, 24, 23, 22, 21, 20, 19, 18, 17, 16, 15, 14, 13, 12, 11, 10, 9, 8, 7, 6, 5,
                                          4, 3, 2, 1, 0);
-    const __m512i one = _mm512_set1_epi8(1), e = _mm512_set1_epi8(char(escape)), low = _mm512_set1_epi8(0xF);
-    const __m512i two = _mm512_set1_epi8(2), three = _mm512_set1_epi8(3), sixteen = _mm512_set1_epi8(16);
+    const __m512i one = _mm512_set1_epi8(1), low = _mm512_set1_epi8(0xF);
+    const __m512i kept = _mm512_set1_epi8(char(CODE_KEPT)), value = _mm512_set1_epi8(char(CODE_VALUE));
     const __m512i back1 = _mm512_sub_epi8(slot, one), back2 = _mm512_sub_epi8(back1, one);
     const __m512i back3 = _mm512_sub_epi8(back2, one), back4 = _mm512_sub_epi8(back3, one);
+    const __m512i code1 = _mm512_loadu_si512(RUN_CODES.m_aCode[escape][0]);
+    const __m512i code2 = _mm512_loadu_si512(RUN_CODES.m_aCode[escape][1]);
+    const __m512i code3 = _mm512_loadu_si512(RUN_CODES.m_aCode[escape][2]);
+    const __m512i code4 = _mm512_loadu_si512(RUN_CODES.m_aCode[escape][3]);
     const size_t lastWord = (count - 1) / 64;
     uint8_t* pStream = pOut;
     size_t i = from;
@@ -77,28 +134,23 @@ CodeRunWindowsAvx512(const uint8_t* pNibbles, const uint64_t* pSame, size_t from
         same &= in;
         const uint64_t starts = ~same & in;
         const uint64_t lasts = (starts >> 1 | uint64_t(1) << (end - 1)) & in;
-        // Run lengths in order, then each at its run's start, then copied to slots 1 to 4 of the run.
+        // Run lengths in order, then each at its run's start (a run of 64 as 0, the tables' slot
+        // for it).
         const __m512i lengths = _mm512_sub_epi8(_mm512_maskz_compress_epi8(lasts, _mm512_add_epi8(slot, one)),
                                                 _mm512_maskz_compress_epi8(starts, slot));
         const __m512i atStart = _mm512_maskz_expand_epi8(starts, lengths);
+        // Slot k of a run (k = 1 to 4): the slots that go on with a run k - 1 long but not k long.
         const uint64_t k2 = same & same << 1, k3 = k2 & same << 2, k4 = k3 & same << 3, k5 = k4 & same << 4;
-        const uint64_t at1 = same & ~k2, at2 = k2 & ~k3, at3 = k3 & ~k4, at4 = k4 & ~k5;
-        // Four independent copies joined by two three-way ORs, rather than a chain of four.
-        const __m512i r = _mm512_ternarylogic_epi64(
-            _mm512_ternarylogic_epi64(atStart, _mm512_maskz_permutexvar_epi8(at1, back1, atStart),
-                                      _mm512_maskz_permutexvar_epi8(at2, back2, atStart), 0xFE),
-            _mm512_maskz_permutexvar_epi8(at3, back3, atStart), _mm512_maskz_permutexvar_epi8(at4, back4, atStart),
-            0xFE);
-        const uint64_t isTwo = _mm512_cmpeq_epi8_mask(r, two), isThree = _mm512_cmpeq_epi8_mask(r, three);
-        const uint64_t isE = _mm512_cmpeq_epi8_mask(r, e), isLong = _mm512_cmpge_epu8_mask(r, sixteen);
-        const uint64_t escapeRun = isE & ~isThree; // v v E r-1 (E = 3: v v v)
-        __m512i out = _mm512_mask_mov_epi8(v, (at1 & ~(isTwo | isE)) | (at2 & (escapeRun | isLong)), e);
-        out = _mm512_mask_mov_epi8(out, at2 & ~(isE | isLong), r);
-        out = _mm512_mask_mov_epi8(out, at3 & escapeRun, _mm512_sub_epi8(r, one));
-        out = _mm512_mask_mov_epi8(out, at3 & isLong, _mm512_and_si512(_mm512_srli_epi16(r, 4), low));
-        out = _mm512_mask_mov_epi8(out, at4, _mm512_and_si512(r, low));
-        const uint64_t keep = starts | at1 | at2 | (at3 & (escapeRun | isLong)) | (at4 & isLong);
-        _mm512_storeu_si512(pStream, _mm512_maskz_compress_epi8(keep, out));
+        const __m512i codes = _mm512_or_si512(
+            _mm512_ternarylogic_epi64(CodeNibbleAt(same & ~k2, back1, starts, atStart, code1),
+                                      CodeNibbleAt(k2 & ~k3, back2, starts, atStart, code2),
+                                      CodeNibbleAt(k3 & ~k4, back3, starts, atStart, code3), 0xFE),
+            CodeNibbleAt(k4 & ~k5, back4, starts, atStart, code4));
+        const __mmask64 keptCodes = _mm512_test_epi8_mask(codes, kept);
+        const __m512i stream = _mm512_mask_mov_epi8(v, _mm512_mask_testn_epi8_mask(keptCodes, codes, value),
+                                                     _mm512_and_si512(codes, low));
+        const uint64_t keep = starts | uint64_t(keptCodes);
+        _mm512_storeu_si512(pStream, _mm512_maskz_compress_epi8(keep, stream));
         pStream += __builtin_popcountll(keep);
         i += end;
     }
