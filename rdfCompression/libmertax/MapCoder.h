@@ -90,7 +90,11 @@ public:
                 // Where runs come often the step stops early; it then pauses for a while, longer
                 // after each stop in a row, so that run-heavy stretches pay little for trying it
                 // and noisy ones after them soon get it back.
-                const size_t coded = m_groups(pMatches, p, pOut);
+                // The kernel advances a copy: were pOut's address taken, it would live in memory
+                // throughout, and every group the scalar loop writes would wait on its reload.
+                uint8_t* pGroupsOut = pOut;
+                const size_t coded = m_groups(pMatches, p, pGroupsOut);
+                pOut = pGroupsOut;
                 if (coded < GRID_WORTHWHILE) {
                     gridFrom = p + coded + pause;
                     pause = pause < GRID_PAUSE_MAX ? 2 * pause : GRID_PAUSE_MAX;
