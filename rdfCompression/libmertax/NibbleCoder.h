@@ -56,16 +56,15 @@ public:
             i = lead < room ? lead : room;
             pOut = PutRun(pOut, unsigned(1 + i), last, escape);
         }
+        // From i on, runs start afresh (i is never inside a run begun before it).
         if (m_kernels.codeRunWindows != nullptr && RunsAreDense(third, words)) {
-            // From i on, runs start afresh (i is never inside a run begun before it).
             m_staged = size_t(CodeWindows(pOut, pNibbles, i, count, escape, same, words) - m_aStaged);
             m_lastNM = pNibbles[count - 1];
             return;
         }
-        // From i on, runs start afresh (i is never inside a run begun before it). A run of three or
-        // more starts two slots before the first of its "third in a row" bits, so each word's
-        // run starts come from its own bits and the last bit of the word before; only the literal
-        // count and the output pointer carry from one run to the next.
+        // Run by run: a run of three or more starts two slots before the first of its "third in a
+        // row" bits, so each word's run starts come from its own bits and the last bit of the word
+        // before; only the literal count and the output pointer carry from one run to the next.
         size_t w = (i + 2) / 64;
         uint64_t thirds = w < words ? third[w] & (~uint64_t(0) << ((i + 2) % 64)) : 0;
         for (uint64_t carry = 0; w < words;) {
