@@ -2,6 +2,7 @@
 // buffers need not be aligned for their cell type, so every multi-byte access goes through memcpy.
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 #include <cstring>
 
@@ -20,4 +21,13 @@ template <typename T>
 inline void StoreLE(uint8_t* p, T value)
 {
     std::memcpy(p, &value, sizeof value);
+}
+
+// Asks for `bytes` from p to come into the cache while the caller works on what comes before:
+// the encoder reads a segment's cells in one burst and then codes them for much longer, so
+// without this every segment would begin by waiting for memory.
+inline void Prefetch(const uint8_t* p, size_t bytes)
+{
+    for (size_t k = 0; k < bytes; k += 64)
+        __builtin_prefetch(p + k);
 }

@@ -117,6 +117,7 @@ size_t COptimalBiasDulo::CompressOnThreads(void* pUncData, const size_t& uncSize
             compSize = pCoded->CompressedSize(segment);
             outOffsets.push_back(totalCompressedSize);
         } else {
+            Prefetch(pUnc + segmentBytes, std::min<size_t>(bytesToDo - segmentBytes, STD_SEGSIZE));
             compSize = CompressSegment(pUnc, uint16_t(segmentBytes), cellSize, cmpBuff + totalCompressedSize);
         }
         ++segment;
