@@ -1,5 +1,6 @@
-// Unaligned little-endian loads and stores. Compressed fields sit at any byte offset and caller
-// buffers need not be aligned for their cell type, so every multi-byte access goes through memcpy.
+// Unaligned little-endian loads and stores, and prefetching. Compressed fields sit at any byte
+// offset and caller buffers need not be aligned for their cell type, so every multi-byte access
+// goes through memcpy.
 #pragma once
 
 #include <cstddef>
