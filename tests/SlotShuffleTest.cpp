@@ -63,35 +63,40 @@ TEST(SlotShuffle, EverySpreadAgreesWithPlainReading)
 TEST(SlotShuffle, EveryClassifyAgreesWithPlainReading)
 {
     std::mt19937_64 otherHalves(11);
+    const std::vector<SBlock> blocks = RandomBlocks();
     for (EKernelSet set : SupportedKernelSets()) {
         const SlotClassifyFn classify = KernelsOf(set).classify;
-        for (const SBlock& block : RandomBlocks()) {
-            for (const bool high : {false, true}) {
-                // The tested halves hold nibbles, a block's bits choosing which equal the one
-                // tested; the other halves hold noise, which must not count.
-                const uint8_t nibble = uint8_t(block.bits >> 60);
-                std::vector<uint8_t> bytes(64), expected;
-                uint64_t expectedMatches = 0;
-                for (unsigned slot = 0; slot < 64; ++slot) {
-                    const uint8_t slotNibble = (block.bits >> slot) & 1 ? nibble : block.bytes[slot];
-                    const uint8_t other = uint8_t(otherHalves() & 0xF);
-                    bytes[slot] = high ? uint8_t(slotNibble << 4 | other) : uint8_t(other << 4 | slotNibble);
-                    if (slotNibble == nibble)
-                        expectedMatches |= uint64_t(1) << slot;
-                    else
-                        expected.push_back(slotNibble);
+        for (const bool high : {false, true}) {
+            // One to three blocks a call, each call's nibbles put after those of the calls before
+            // and after three bytes already there, which must stay (the kernels may write 64 bytes
+            // past their last nibble). The tested halves hold nibbles, each block's bits choosing
+            // which equal the call's; the other halves hold noise, which must not count.
+            std::vector<uint8_t> out(3 + 64 * blocks.size() + 64, 0xEE), expected;
+            std::vector<uint64_t> matches(blocks.size()), expectedMatches;
+            size_t put = 0;
+            for (size_t b = 0, step = 1; b < blocks.size(); b += step, step = step % 3 + 1) {
+                const size_t count = std::min(step, blocks.size() - b);
+                const uint8_t nibble = uint8_t(blocks[b].bits >> 60);
+                std::vector<uint8_t> bytes;
+                for (size_t k = b; k < b + count; ++k) {
+                    expectedMatches.push_back(0);
+                    for (unsigned slot = 0; slot < 64; ++slot) {
+                        const uint8_t slotNibble = (blocks[k].bits >> slot) & 1 ? nibble : blocks[k].bytes[slot];
+                        const uint8_t other = uint8_t(otherHalves() & 0xF);
+                        bytes.push_back(high ? uint8_t(slotNibble << 4 | other) : uint8_t(other << 4 | slotNibble));
+                        if (slotNibble == nibble)
+                            expectedMatches.back() |= uint64_t(1) << slot;
+                        else
+                            expected.push_back(slotNibble);
+                    }
                 }
-                // Classified after three bytes already there, which must stay; the kernels may
-                // write a whole block's 64 bytes from where they start.
-                std::vector<uint8_t> out(3 + 64, 0xEE);
-                uint64_t matches = 0;
-                const size_t put = classify(bytes.data(), high, nibble, out.data() + 3, &matches);
-                SCOPED_TRACE(std::string(KernelsOf(set).name) + (high ? ", high halves" : ", low halves"));
-                ASSERT_EQ(matches, expectedMatches);
-                ASSERT_EQ(put, expected.size());
-                ASSERT_EQ(std::vector<uint8_t>(out.begin() + 3, out.begin() + 3 + std::ptrdiff_t(put)), expected);
-                ASSERT_EQ(out[0] & out[1] & out[2], 0xEE);
+                put += classify(bytes.data(), count, high, nibble, out.data() + 3 + put, matches.data() + b);
             }
+            SCOPED_TRACE(std::string(KernelsOf(set).name) + (high ? ", high halves" : ", low halves"));
+            ASSERT_EQ(matches, expectedMatches);
+            ASSERT_EQ(put, expected.size());
+            ASSERT_EQ(std::vector<uint8_t>(out.begin() + 3, out.begin() + 3 + std::ptrdiff_t(put)), expected);
+            ASSERT_EQ(out[0] & out[1] & out[2], 0xEE);
         }
     }
 }

@@ -163,21 +163,22 @@ size_t COptimalBiasDulo::Deflate(uint8_t* pUncData, const uint16_t& segSize, T s
             }
             pBytes = byteRow;
         }
-        size_t nonMatchCount = 0;
-        // Slots are classified 64 at a time into a mask of matches, and the non-matches' nibbles
-        // gathered in slot order, from the row of bytes that every cell size comes to.
-        for (size_t e = 0; e < elems; e += 64) {
-            const unsigned count = unsigned(std::min<size_t>(64, elems - e));
+        // Slots are classified 64 at a time into masks of matches, and the non-matches' nibbles
+        // gathered in slot order, from the row of bytes that every cell size comes to: the plane's
+        // whole blocks in one call, then the slots after them.
+        const size_t blocks = elems / 64;
+        uint64_t blockMatches[MAX_SEGMENT_DATA / 64];
+        size_t nonMatchCount = classify(pBytes, blocks, high, escape, planeNibbles, blockMatches);
+        for (size_t b = 0; b < blocks; ++b)
+            matchBits.Append(blockMatches[b], 64);
+        if (const unsigned count = unsigned(elems % 64); count != 0) {
+            const uint8_t* pTail = pBytes + 64 * blocks;
             uint64_t matches = 0;
-            if (count == 64) {
-                nonMatchCount += classify(pBytes + e, high, escape, planeNibbles + nonMatchCount, &matches);
-            } else {
-                for (unsigned i = 0; i < count; ++i) {
-                    const uint8_t nibble = uint8_t(high ? pBytes[e + i] >> 4 : pBytes[e + i] & 0xF);
-                    matches |= uint64_t(nibble == escape) << i;
-                    planeNibbles[nonMatchCount] = nibble;
-                    nonMatchCount += nibble != escape;
-                }
+            for (unsigned i = 0; i < count; ++i) {
+                const uint8_t nibble = uint8_t(high ? pTail[i] >> 4 : pTail[i] & 0xF);
+                matches |= uint64_t(nibble == escape) << i;
+                planeNibbles[nonMatchCount] = nibble;
+                nonMatchCount += nibble != escape;
             }
             matchBits.Append(matches, count);
         }

@@ -31,19 +31,24 @@ size_t GatherSlotsPortable(uint64_t bits, const uint8_t* pSlots, uint8_t* pOut)
 
 } // namespace
 
-size_t ClassifySlotsPortable(const uint8_t* pBytes, bool high, uint8_t nibble, uint8_t* pOut, uint64_t* pMatches)
+size_t ClassifySlotsPortable(const uint8_t* pBytes, size_t blocks, bool high, uint8_t nibble, uint8_t* pOut,
+                             uint64_t* pMatches)
 {
-    // One loop for each half, each with a fixed count that the compiler vectorizes.
-    uint8_t slots[64];
-    if (high) {
-        for (unsigned i = 0; i < 64; ++i)
-            slots[i] = pBytes[i] >> 4;
-    } else {
-        for (unsigned i = 0; i < 64; ++i)
-            slots[i] = pBytes[i] & 0xF;
+    size_t put = 0;
+    for (size_t b = 0; b < blocks; ++b, pBytes += 64) {
+        // One loop for each half, each with a fixed count that the compiler vectorizes.
+        uint8_t slots[64];
+        if (high) {
+            for (unsigned i = 0; i < 64; ++i)
+                slots[i] = pBytes[i] >> 4;
+        } else {
+            for (unsigned i = 0; i < 64; ++i)
+                slots[i] = pBytes[i] & 0xF;
+        }
+        pMatches[b] = MatchMask64(slots, nibble);
+        put += GatherSlotsPortable(~pMatches[b], slots, pOut + put);
     }
-    *pMatches = MatchMask64(slots, nibble);
-    return GatherSlotsPortable(~*pMatches, slots, pOut);
+    return put;
 }
 
 #ifdef MERTAX_HAVE_X86_KERNELS
@@ -88,23 +93,25 @@ __attribute__((target("ssse3,popcnt"))) inline unsigned GatherSixteen(unsigned b
 
 // Sixteen slots at a time: one compare gives their match bits, and the others are gathered from
 // the same register.
-__attribute__((target("ssse3,popcnt"))) size_t ClassifySlotsSsse3(const uint8_t* pBytes, bool high, uint8_t nibble,
-                                                                   uint8_t* pOut, uint64_t* pMatches)
+__attribute__((target("ssse3,popcnt"))) size_t ClassifySlotsSsse3(const uint8_t* pBytes, size_t blocks, bool high,
+                                                                   uint8_t nibble, uint8_t* pOut, uint64_t* pMatches)
 {
     const __m128i target = _mm_set1_epi8(char(nibble));
     const __m128i low4 = _mm_set1_epi8(0x0F);
     const __m128i shift = _mm_cvtsi32_si128(high ? 4 : 0); // a shift by a register: no branch per row
-    uint64_t matches = 0;
     size_t put = 0;
+    for (size_t b = 0; b < blocks; ++b, pBytes += 64) {
+        uint64_t matches = 0;
 #pragma GCC unroll 4
-    for (unsigned block = 0; block < 4; ++block) {
-        __m128i slots = _mm_loadu_si128(reinterpret_cast<const __m128i*>(pBytes + 16 * block));
-        slots = _mm_and_si128(_mm_srl_epi16(slots, shift), low4);
-        const unsigned match = unsigned(_mm_movemask_epi8(_mm_cmpeq_epi8(slots, target)));
-        matches |= uint64_t(match) << (16 * block);
-        put += GatherSixteen(~match & 0xFFFF, slots, pOut + put);
+        for (unsigned part = 0; part < 4; ++part) {
+            __m128i slots = _mm_loadu_si128(reinterpret_cast<const __m128i*>(pBytes + 16 * part));
+            slots = _mm_and_si128(_mm_srl_epi16(slots, shift), low4);
+            const unsigned match = unsigned(_mm_movemask_epi8(_mm_cmpeq_epi8(slots, target)));
+            matches |= uint64_t(match) << (16 * part);
+            put += GatherSixteen(~match & 0xFFFF, slots, pOut + put);
+        }
+        pMatches[b] = matches;
     }
-    *pMatches = matches;
     return put;
 }
 #endif

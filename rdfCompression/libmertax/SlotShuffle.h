@@ -15,23 +15,24 @@
 // readable for 16 bytes past the last one taken.
 using SlotSpreadFn = size_t (*)(uint64_t bits, const uint8_t* pValues, uint8_t fill, uint8_t* pOut);
 
-// The slots' nibbles are the high (`high`) or the low halves of the 64 bytes at pBytes. Sets
-// *pMatches to the bits of the slots whose nibble equals `nibble`, appends the other nibbles to
-// pOut in order (room for 64 bytes from where they start), and returns how many it appended.
-using SlotClassifyFn = size_t (*)(const uint8_t* pBytes, bool high, uint8_t nibble, uint8_t* pOut,
+// The slots' nibbles are the high (`high`) or the low halves of the bytes at pBytes, `blocks`
+// blocks of 64 (a plane's whole blocks in one call). Sets pMatches[b] to the bits of block b's
+// slots whose nibble equals `nibble`, appends the other nibbles to pOut in order (room for 64
+// bytes past the last), and returns how many it appended.
+using SlotClassifyFn = size_t (*)(const uint8_t* pBytes, size_t blocks, bool high, uint8_t nibble, uint8_t* pOut,
                                   uint64_t* pMatches);
 
 size_t SpreadSlotsPortable(uint64_t bits, const uint8_t* pValues, uint8_t fill, uint8_t* pOut);
-size_t ClassifySlotsPortable(const uint8_t* pBytes, bool high, uint8_t nibble, uint8_t* pOut, uint64_t* pMatches);
+size_t ClassifySlotsPortable(const uint8_t* pBytes, size_t blocks, bool high, uint8_t nibble, uint8_t* pOut, uint64_t* pMatches);
 #if defined(__x86_64__)
 #define MERTAX_HAVE_X86_KERNELS 1
 size_t SpreadSlotsSsse3(uint64_t bits, const uint8_t* pValues, uint8_t fill, uint8_t* pOut);
-size_t ClassifySlotsSsse3(const uint8_t* pBytes, bool high, uint8_t nibble, uint8_t* pOut, uint64_t* pMatches);
+size_t ClassifySlotsSsse3(const uint8_t* pBytes, size_t blocks, bool high, uint8_t nibble, uint8_t* pOut, uint64_t* pMatches);
 size_t SpreadSlotsAvx512(uint64_t bits, const uint8_t* pValues, uint8_t fill, uint8_t* pOut);
-size_t ClassifySlotsAvx512(const uint8_t* pBytes, bool high, uint8_t nibble, uint8_t* pOut, uint64_t* pMatches);
+size_t ClassifySlotsAvx512(const uint8_t* pBytes, size_t blocks, bool high, uint8_t nibble, uint8_t* pOut, uint64_t* pMatches);
 #endif
 #if defined(__aarch64__)
 #define MERTAX_HAVE_NEON_KERNELS 1
 size_t SpreadSlotsNeon(uint64_t bits, const uint8_t* pValues, uint8_t fill, uint8_t* pOut);
-size_t ClassifySlotsNeon(const uint8_t* pBytes, bool high, uint8_t nibble, uint8_t* pOut, uint64_t* pMatches);
+size_t ClassifySlotsNeon(const uint8_t* pBytes, size_t blocks, bool high, uint8_t nibble, uint8_t* pOut, uint64_t* pMatches);
 #endif

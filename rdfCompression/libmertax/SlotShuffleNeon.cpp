@@ -52,19 +52,22 @@ size_t SpreadSlotsNeon(uint64_t bits, const uint8_t* pValues, uint8_t fill, uint
     return taken;
 }
 
-size_t ClassifySlotsNeon(const uint8_t* pBytes, bool high, uint8_t nibble, uint8_t* pOut, uint64_t* pMatches)
+size_t ClassifySlotsNeon(const uint8_t* pBytes, size_t blocks, bool high, uint8_t nibble, uint8_t* pOut,
+                         uint64_t* pMatches)
 {
     const uint8x16_t target = vdupq_n_u8(nibble);
     const int8x16_t shift = vdupq_n_s8(high ? -4 : 0); // a right shift by a register: no branch per row
-    uint64_t matches = 0;
     size_t put = 0;
-    for (unsigned block = 0; block < 4; ++block) {
-        const uint8x16_t slots = vandq_u8(vshlq_u8(vld1q_u8(pBytes + 16 * block), shift), vdupq_n_u8(0x0F));
-        const unsigned match = MoveMask16(vceqq_u8(slots, target));
-        matches |= uint64_t(match) << (16 * block);
-        put += GatherSixteen(~match & 0xFFFF, slots, pOut + put);
+    for (size_t b = 0; b < blocks; ++b, pBytes += 64) {
+        uint64_t matches = 0;
+        for (unsigned part = 0; part < 4; ++part) {
+            const uint8x16_t slots = vandq_u8(vshlq_u8(vld1q_u8(pBytes + 16 * part), shift), vdupq_n_u8(0x0F));
+            const unsigned match = MoveMask16(vceqq_u8(slots, target));
+            matches |= uint64_t(match) << (16 * part);
+            put += GatherSixteen(~match & 0xFFFF, slots, pOut + put);
+        }
+        pMatches[b] = matches;
     }
-    *pMatches = matches;
     return put;
 }
 #endif
