@@ -23,11 +23,11 @@
 
 namespace {
 
-// Byte BYTE of 64 little-endian cells: with SSE2 sixteen 16- or 32-bit cells a step; otherwise
-// out of line, with the byte fixed at compile time, where the compiler sees that the buffers do
-// not overlap and vectorizes the loop in the cells' own width.
+// Byte BYTE of `blocks` blocks of 64 little-endian cells: with SSE2 sixteen 16- or 32-bit cells a
+// step; otherwise out of line, with the byte fixed at compile time, where the compiler sees that
+// the buffers do not overlap and vectorizes the loop in the cells' own width.
 template <typename T, unsigned BYTE>
-__attribute__((noinline)) void ExtractBytes(const uint8_t* __restrict pCells, uint8_t* __restrict pBytes)
+__attribute__((noinline)) void ExtractBytes(const uint8_t* __restrict pCells, size_t blocks, uint8_t* __restrict pBytes)
 {
 #ifdef __SSE2__
     if constexpr (sizeof(T) == 2 || sizeof(T) == 4) {
@@ -42,7 +42,7 @@ __attribute__((noinline)) void ExtractBytes(const uint8_t* __restrict pCells, ui
             else
                 return _mm_srli_epi32(_mm_slli_epi32(v, 24 - 8 * BYTE), 24);
         };
-        for (unsigned i = 0; i < 64; i += 16) {
+        for (size_t i = 0; i < 64 * blocks; i += 16) {
             const uint8_t* p = pCells + i * sizeof(T);
             __m128i packed;
             if constexpr (sizeof(T) == 2)
@@ -55,11 +55,11 @@ __attribute__((noinline)) void ExtractBytes(const uint8_t* __restrict pCells, ui
         return;
     }
 #endif
-    for (unsigned i = 0; i < 64; ++i)
+    for (size_t i = 0; i < 64 * blocks; ++i)
         pBytes[i] = uint8_t(LoadLE<T>(pCells + i * sizeof(T)) >> (8 * BYTE));
 }
 
-using ByteExtractor = void (*)(const uint8_t*, uint8_t*);
+using ByteExtractor = void (*)(const uint8_t*, size_t, uint8_t*);
 
 template <typename T, size_t... BYTE>
 constexpr std::array<ByteExtractor, sizeof...(BYTE)> MakeExtractors(std::index_sequence<BYTE...>)
@@ -154,10 +154,8 @@ size_t COptimalBiasDulo::Deflate(uint8_t* pUncData, const uint16_t& segSize, T s
         const uint8_t* pBytes = pUncData;
         if constexpr (sizeof(T) > 1) {
             if (byte != byteInRow) {
-                size_t e = 0;
-                for (; e + 64 <= elems; e += 64)
-                    EXTRACTORS<T>[byte](pUncData + e * sizeof(T), byteRow + e);
-                for (; e < elems; ++e)
+                EXTRACTORS<T>[byte](pUncData, elems / 64, byteRow);
+                for (size_t e = elems / 64 * 64; e < elems; ++e)
                     byteRow[e] = uint8_t(LoadLE<T>(pUncData + e * sizeof(T)) >> (8 * byte));
                 byteInRow = byte;
             }
@@ -224,10 +222,8 @@ size_t COptimalBiasDulo::Deflate(uint8_t* pUncData, const uint16_t& segSize, T s
         }
         uint8_t* pRaw = pCmpBuff + storedLength - dataBytes;
         if (reduced) {
-            size_t i = 0;
-            for (; i + 64 <= elems; i += 64)
-                ExtractBytes<T, 0>(pUncData + i * sizeof(T), pRaw + i);
-            for (; i < elems; ++i)
+            ExtractBytes<T, 0>(pUncData, elems / 64, pRaw);
+            for (size_t i = elems / 64 * 64; i < elems; ++i)
                 pRaw[i] = pUncData[i * sizeof(T)];
         } else {
             std::memcpy(pRaw, pUncData, segSize);
