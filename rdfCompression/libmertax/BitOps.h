@@ -95,24 +95,3 @@ inline uint64_t MatchMask64(const uint8_t* pNibbles, uint8_t nibble)
 }
 
 constexpr size_t RoundUp4(size_t n) { return (n + 3) & ~size_t(3); }
-
-// The OR, over the `words` little-endian 64-bit words at p, of each word XOR `pattern`: 32 bytes
-// a step with SSE2, in two accumulators.
-inline uint64_t OrOfWords(const uint8_t* p, size_t words, uint64_t pattern)
-{
-    uint64_t result = 0;
-    size_t i = 0;
-#ifdef __SSE2__
-    const __m128i repeated = _mm_set1_epi64x(int64_t(pattern));
-    __m128i a = _mm_setzero_si128(), b = _mm_setzero_si128();
-    for (; i + 4 <= words; i += 4) {
-        a = _mm_or_si128(a, _mm_xor_si128(_mm_loadu_si128(reinterpret_cast<const __m128i*>(p + 8 * i)), repeated));
-        b = _mm_or_si128(b, _mm_xor_si128(_mm_loadu_si128(reinterpret_cast<const __m128i*>(p + 8 * i + 16)), repeated));
-    }
-    a = _mm_or_si128(a, b);
-    result = uint64_t(_mm_cvtsi128_si64(a)) | uint64_t(_mm_cvtsi128_si64(_mm_unpackhi_epi64(a, a)));
-#endif
-    for (; i < words; ++i)
-        result |= LoadLE<uint64_t>(p + 8 * i) ^ pattern;
-    return result;
-}

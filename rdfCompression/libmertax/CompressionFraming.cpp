@@ -4,6 +4,7 @@
 #include "BitOps.h"
 #include "ParallelSegments.h"
 #include "ByteAccess.h"
+#include "KernelDispatch.h"
 #include "Report.h"
 
 #include <algorithm>
@@ -50,7 +51,7 @@ size_t COptimalBiasDulo::CompressSegment(void* pUncData, const uint16_t& segSize
 bool COptimalBiasDulo::ShortsFitInBytes(const uint8_t* p, size_t bytes)
 {
     // The OR of the cells, four at a time and then singly.
-    uint64_t result = OrOfWords(p, bytes / 8, 0);
+    uint64_t result = ActiveKernels().cells.orOfWords(p, bytes / 8, 0);
     for (size_t i = bytes / 8 * 8; i < bytes; i += 2)
         result |= LoadLE<uint16_t>(p + i);
     return (result & 0xFF00FF00FF00FF00ull) == 0;

@@ -4,18 +4,19 @@
 
 namespace {
 
-constexpr CKernels PORTABLE_KERNELS = {"portable", SpreadSlotsPortable, ClassifySlotsPortable, nullptr,
+constexpr CCellKernels PORTABLE_CELLS = {OrOfWordsPortable, ByteRowPortable};
+constexpr CKernels PORTABLE_KERNELS = {"portable", SpreadSlotsPortable, ClassifySlotsPortable, PORTABLE_CELLS, nullptr,
                                        {MarkRepeatsPortable, PackNibblesPortable, nullptr}};
 #ifdef MERTAX_HAVE_X86_KERNELS
-constexpr CKernels SSSE3_KERNELS = {"ssse3", SpreadSlotsSsse3, ClassifySlotsSsse3, nullptr,
+constexpr CKernels SSSE3_KERNELS = {"ssse3", SpreadSlotsSsse3, ClassifySlotsSsse3, PORTABLE_CELLS, nullptr,
                                     {MarkRepeatsPortable, PackNibblesPortable, nullptr}};
-constexpr CKernels AVX2_KERNELS = {"avx2", SpreadSlotsSsse3, ClassifySlotsSsse3, CodeMapGroupsAvx2,
+constexpr CKernels AVX2_KERNELS = {"avx2", SpreadSlotsSsse3, ClassifySlotsSsse3, PORTABLE_CELLS, CodeMapGroupsAvx2,
                                    {MarkRepeatsAvx2, PackNibblesAvx2, nullptr}};
 constexpr CKernels AVX512_KERNELS = {"avx512", SpreadSlotsAvx512, ClassifySlotsAvx512,
-                                     CodeMapGroupsAvx512, {MarkRepeatsAvx512, PackNibblesAvx512, CodeRunWindowsAvx512}};
+                                     {OrOfWordsAvx512, ByteRowAvx512}, CodeMapGroupsAvx512, {MarkRepeatsAvx512, PackNibblesAvx512, CodeRunWindowsAvx512}};
 #endif
 #ifdef MERTAX_HAVE_NEON_KERNELS
-constexpr CKernels NEON_KERNELS = {"neon", SpreadSlotsNeon, ClassifySlotsNeon, nullptr,
+constexpr CKernels NEON_KERNELS = {"neon", SpreadSlotsNeon, ClassifySlotsNeon, PORTABLE_CELLS, nullptr,
                                    {MarkRepeatsNeon, PackNibblesNeon, nullptr}};
 #endif
 

@@ -5,6 +5,7 @@
 // picks another with UseKernelSet. SSE2 is part of the baseline and needs no choice.
 #pragma once
 
+#include "CellPasses.h"
 #include "MapGroups.h"
 #include "NibbleKernels.h"
 #include "SlotShuffle.h"
@@ -18,7 +19,7 @@ enum class EKernelSet : uint8_t
     SSSE3,  // SSSE3 shuffles with POPCNT
     AVX2,   // the SSSE3 shuffles, the map's grid step and the nibble coder's passes on AVX2 (with BMI1 and POPCNT)
     AVX512, // AVX-512 F, BW, VBMI and VBMI2 with BMI2: byte expand and compress, the map's grid step,
-            // the nibble coder's passes
+            // the nibble coder's passes, the passes over the cells
     NEON,   // AArch64's vector set, present on every such processor: the slot moves and the nibble
             // coder's passes
 };
@@ -28,6 +29,7 @@ struct CKernels
     const char* name;
     SlotSpreadFn spread;
     SlotClassifyFn classify;
+    CCellKernels cells;
     MapGroupsFn mapGroups; // null: the scalar map coder alone
     CNibbleKernels nibbles;
 };

@@ -11,65 +11,11 @@
 #include "SegmentFormat.h"
 
 #include <algorithm>
-#include <array>
 #include <cstring>
 #include <iostream>
 #include <type_traits>
-#include <utility>
-
-#ifdef __SSE2__
-#include <emmintrin.h>
-#endif
 
 namespace {
-
-// Byte BYTE of `blocks` blocks of 64 little-endian cells: with SSE2 sixteen 16- or 32-bit cells a
-// step; otherwise out of line, with the byte fixed at compile time, where the compiler sees that
-// the buffers do not overlap and vectorizes the loop in the cells' own width.
-template <typename T, unsigned BYTE>
-__attribute__((noinline)) void ExtractBytes(const uint8_t* __restrict pCells, size_t blocks, uint8_t* __restrict pBytes)
-{
-#ifdef __SSE2__
-    if constexpr (sizeof(T) == 2 || sizeof(T) == 4) {
-        // Sixteen cells a step: each cell's byte into its low byte, then packed down (the packs
-        // saturate, which values below 256 never reach).
-        const auto lowByte = [](const uint8_t* p) {
-            const __m128i v = _mm_loadu_si128(reinterpret_cast<const __m128i*>(p));
-            if constexpr (BYTE == 0)
-                return _mm_and_si128(v, _mm_set1_epi32(sizeof(T) == 2 ? 0x00FF00FF : 0xFF));
-            else if constexpr (BYTE == sizeof(T) - 1)
-                return sizeof(T) == 2 ? _mm_srli_epi16(v, 8) : _mm_srli_epi32(v, 24);
-            else
-                return _mm_srli_epi32(_mm_slli_epi32(v, 24 - 8 * BYTE), 24);
-        };
-        for (size_t i = 0; i < 64 * blocks; i += 16) {
-            const uint8_t* p = pCells + i * sizeof(T);
-            __m128i packed;
-            if constexpr (sizeof(T) == 2)
-                packed = _mm_packus_epi16(lowByte(p), lowByte(p + 16));
-            else
-                packed = _mm_packus_epi16(_mm_packs_epi32(lowByte(p), lowByte(p + 16)),
-                                          _mm_packs_epi32(lowByte(p + 32), lowByte(p + 48)));
-            _mm_storeu_si128(reinterpret_cast<__m128i*>(pBytes + i), packed);
-        }
-        return;
-    }
-#endif
-    for (size_t i = 0; i < 64 * blocks; ++i)
-        pBytes[i] = uint8_t(LoadLE<T>(pCells + i * sizeof(T)) >> (8 * BYTE));
-}
-
-using ByteExtractor = void (*)(const uint8_t*, size_t, uint8_t*);
-
-template <typename T, size_t... BYTE>
-constexpr std::array<ByteExtractor, sizeof...(BYTE)> MakeExtractors(std::index_sequence<BYTE...>)
-{
-    return {&ExtractBytes<T, unsigned(BYTE)>...};
-}
-
-// The extractor of each byte of a cell.
-template <typename T>
-constexpr std::array<ByteExtractor, sizeof(T)> EXTRACTORS = MakeExtractors<T>(std::make_index_sequence<sizeof(T)>());
 
 // Longest segment the 13-bit compSegSize field can describe, as a multiple of 4.
 constexpr size_t MAX_PADDED_SEGMENT = 8188;
@@ -81,7 +27,7 @@ unsigned COptimalBiasDulo::CountSkippedPlanes(const uint8_t* pUncData, uint16_t 
 {
     // OR of every element XOR bias: whole 64-bit words, then the tail, then the cells of the
     // 64-bit OR folded onto one.
-    uint64_t diff64 = OrOfWords(pUncData, segSize / 8, RepeatCell<T>(bias));
+    uint64_t diff64 = ActiveKernels().cells.orOfWords(pUncData, segSize / 8, RepeatCell<T>(bias));
     size_t i = segSize / 8 * 8;
     T diff = 0;
     for (; i < segSize; i += sizeof(T))
@@ -154,7 +100,7 @@ size_t COptimalBiasDulo::Deflate(uint8_t* pUncData, const uint16_t& segSize, T s
         const uint8_t* pBytes = pUncData;
         if constexpr (sizeof(T) > 1) {
             if (byte != byteInRow) {
-                EXTRACTORS<T>[byte](pUncData, elems / 64, byteRow);
+                kernels.cells.byteRow(pUncData, sizeof(T), byte, elems / 64, byteRow);
                 for (size_t e = elems / 64 * 64; e < elems; ++e)
                     byteRow[e] = uint8_t(LoadLE<T>(pUncData + e * sizeof(T)) >> (8 * byte));
                 byteInRow = byte;
@@ -222,7 +168,7 @@ size_t COptimalBiasDulo::Deflate(uint8_t* pUncData, const uint16_t& segSize, T s
         }
         uint8_t* pRaw = pCmpBuff + storedLength - dataBytes;
         if (reduced) {
-            ExtractBytes<T, 0>(pUncData, elems / 64, pRaw);
+            kernels.cells.byteRow(pUncData, sizeof(T), 0, elems / 64, pRaw);
             for (size_t i = elems / 64 * 64; i < elems; ++i)
                 pRaw[i] = pUncData[i * sizeof(T)];
         } else {
