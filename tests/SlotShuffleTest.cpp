@@ -177,7 +177,7 @@ TEST(KernelDispatch, EachSetRunsItsOwnKernels)
 #ifdef MERTAX_HAVE_X86_KERNELS
         {EKernelSet::SSSE3, "ssse3", SpreadSlotsSsse3, ClassifySlotsSsse3, {OrOfWordsPortable, ByteRowPortable}, nullptr,
          {MarkRepeatsPortable, PackNibblesPortable, nullptr}},
-        {EKernelSet::AVX2, "avx2", SpreadSlotsSsse3, ClassifySlotsSsse3, {OrOfWordsPortable, ByteRowPortable},
+        {EKernelSet::AVX2, "avx2", SpreadSlotsSsse3, ClassifySlotsSsse3, {OrOfWordsAvx2, ByteRowAvx2},
          CodeMapGroupsAvx2, {MarkRepeatsAvx2, PackNibblesAvx2, nullptr}},
         {EKernelSet::AVX512, "avx512", SpreadSlotsAvx512, ClassifySlotsAvx512, {OrOfWordsAvx512, ByteRowAvx512},
          CodeMapGroupsAvx512, {MarkRepeatsAvx512, PackNibblesAvx512, CodeRunWindowsAvx512}},

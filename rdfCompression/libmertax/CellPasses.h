@@ -1,7 +1,8 @@
 // The encoder's passes over a segment's cells before any plane is coded: the OR of every cell
 // XOR the bias (which planes all match it, and whether 16-bit cells fit in bytes), and the row of
 // one byte of every cell that two nibble planes are classified from. The portable forms take
-// sixteen bytes at a time with SSE2; the AVX-512 forms 64, a row's bytes by truncating moves.
+// sixteen bytes at a time with SSE2; the AVX2 forms 32 (the OR, and rows of 16- and 32-bit cells);
+// the AVX-512 forms 64, a row's bytes by truncating moves.
 // All give the same results; KernelDispatch chooses.
 #pragma once
 
@@ -24,6 +25,8 @@ struct CCellKernels
 uint64_t OrOfWordsPortable(const uint8_t* p, size_t words, uint64_t pattern);
 void ByteRowPortable(const uint8_t* pCells, size_t cellBytes, unsigned byte, size_t blocks, uint8_t* pRow);
 #if defined(__x86_64__)
+uint64_t OrOfWordsAvx2(const uint8_t* p, size_t words, uint64_t pattern);
+void ByteRowAvx2(const uint8_t* pCells, size_t cellBytes, unsigned byte, size_t blocks, uint8_t* pRow);
 uint64_t OrOfWordsAvx512(const uint8_t* p, size_t words, uint64_t pattern);
 void ByteRowAvx512(const uint8_t* pCells, size_t cellBytes, unsigned byte, size_t blocks, uint8_t* pRow);
 #endif

@@ -17,7 +17,8 @@ enum class EKernelSet : uint8_t
 {
     PORTABLE,
     SSSE3,  // SSSE3 shuffles with POPCNT
-    AVX2,   // the SSSE3 shuffles, the map's grid step and the nibble coder's passes on AVX2 (with BMI1 and POPCNT)
+    AVX2,   // the SSSE3 shuffles, the map's grid step, the nibble coder's passes and the passes over the cells
+            // on AVX2 (with BMI1 and POPCNT)
     AVX512, // AVX-512 F, BW, VBMI and VBMI2 with BMI2: byte expand and compress, the map's grid step,
             // the nibble coder's passes, the passes over the cells
     NEON,   // AArch64's vector set, present on every such processor: the slot moves and the nibble
