@@ -4,6 +4,8 @@
 // calls them only where the processor has it.
 #include "CellPasses.h"
 
+#include "ByteAccess.h"
+
 #ifdef __x86_64__
 #include <immintrin.h>
 
@@ -23,11 +25,8 @@ MERTAX_AVX2_TARGET uint64_t OrOfWordsAvx2(const uint8_t* p, size_t words, uint64
     a = _mm256_or_si256(a, b);
     const __m128i half = _mm_or_si128(_mm256_castsi256_si128(a), _mm256_extracti128_si256(a, 1));
     uint64_t result = uint64_t(_mm_cvtsi128_si64(half)) | uint64_t(_mm_extract_epi64(half, 1));
-    for (; i < words; ++i) {
-        uint64_t word;
-        __builtin_memcpy(&word, p + 8 * i, 8);
-        result |= word ^ pattern;
-    }
+    for (; i < words; ++i)
+        result |= LoadLE<uint64_t>(p + 8 * i) ^ pattern;
     return result;
 }
 
