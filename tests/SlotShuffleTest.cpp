@@ -116,7 +116,9 @@ TEST(CellPasses, EverySetAgreesWithPlainReading)
             // one read past the end changes the OR.
             const uint64_t pattern = rng() % 4 ? rng() : 0;
             const size_t words = round < 40 ? size_t(round / 2) : rng() % 1025;
-            const size_t odd = words == 0 ? 0 : rng() % 2 ? words - 1 - rng() % std::min<size_t>(words, 16) : rng() % words;
+            const size_t odd = words == 0   ? 0
+                               : rng() % 2 ? words - 1 - rng() % std::min<size_t>(words, 16)
+                                           : rng() % words;
             const uint64_t bit = uint64_t(1) << rng() % 64;
             for (size_t w = 0; w < cells.size() / 8; ++w) {
                 const uint64_t word = w >= words ? rng() : w == odd ? pattern ^ bit : pattern;
@@ -129,7 +131,8 @@ TEST(CellPasses, EverySetAgreesWithPlainReading)
             std::vector<uint8_t> row(64 * blocks + 1, 0xEE);
             passes.byteRow(cells.data(), cellBytes, byte, blocks, row.data());
             for (size_t i = 0; i < 64 * blocks; ++i)
-                ASSERT_EQ(row[i], cells[i * cellBytes + byte]) << cellBytes << "-byte cells, byte " << byte << ", cell " << i;
+                ASSERT_EQ(row[i], cells[i * cellBytes + byte])
+                    << cellBytes << "-byte cells, byte " << byte << ", cell " << i;
             ASSERT_EQ(row.back(), 0xEE);
         }
     }
@@ -172,11 +175,11 @@ TEST(KernelDispatch, EachSetRunsItsOwnKernels)
         MapGroupsFn mapGroups;
         CNibbleKernels nibbles;
     } expected[] = {
-        {EKernelSet::PORTABLE, "portable", SpreadSlotsPortable, ClassifySlotsPortable, {OrOfWordsPortable, ByteRowPortable},
-         nullptr, {MarkRepeatsPortable, PackNibblesPortable, nullptr}},
+        {EKernelSet::PORTABLE, "portable", SpreadSlotsPortable, ClassifySlotsPortable,
+         {OrOfWordsPortable, ByteRowPortable}, nullptr, {MarkRepeatsPortable, PackNibblesPortable, nullptr}},
 #ifdef MERTAX_HAVE_X86_KERNELS
-        {EKernelSet::SSSE3, "ssse3", SpreadSlotsSsse3, ClassifySlotsSsse3, {OrOfWordsPortable, ByteRowPortable}, nullptr,
-         {MarkRepeatsPortable, PackNibblesPortable, nullptr}},
+        {EKernelSet::SSSE3, "ssse3", SpreadSlotsSsse3, ClassifySlotsSsse3, {OrOfWordsPortable, ByteRowPortable},
+         nullptr, {MarkRepeatsPortable, PackNibblesPortable, nullptr}},
         {EKernelSet::AVX2, "avx2", SpreadSlotsSsse3, ClassifySlotsSsse3, {OrOfWordsAvx2, ByteRowAvx2},
          CodeMapGroupsAvx2, {MarkRepeatsAvx2, PackNibblesAvx2, nullptr}},
         {EKernelSet::AVX512, "avx512", SpreadSlotsAvx512, ClassifySlotsAvx512, {OrOfWordsAvx512, ByteRowAvx512},

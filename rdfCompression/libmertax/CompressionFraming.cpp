@@ -50,7 +50,7 @@ size_t COptimalBiasDulo::CompressSegment(void* pUncData, const uint16_t& segSize
 
 bool COptimalBiasDulo::ShortsFitInBytes(const uint8_t* p, size_t bytes)
 {
-    // The OR of the cells, four at a time and then singly.
+    // The OR of the cells: whole words by the kernel set's pass, then the last cells singly.
     uint64_t result = ActiveKernels().cells.orOfWords(p, bytes / 8, 0);
     for (size_t i = bytes / 8 * 8; i < bytes; i += 2)
         result |= LoadLE<uint16_t>(p + i);

@@ -10,10 +10,11 @@ constexpr CKernels PORTABLE_KERNELS = {"portable", SpreadSlotsPortable, Classify
 #ifdef MERTAX_HAVE_X86_KERNELS
 constexpr CKernels SSSE3_KERNELS = {"ssse3", SpreadSlotsSsse3, ClassifySlotsSsse3, PORTABLE_CELLS, nullptr,
                                     {MarkRepeatsPortable, PackNibblesPortable, nullptr}};
-constexpr CKernels AVX2_KERNELS = {"avx2", SpreadSlotsSsse3, ClassifySlotsSsse3, {OrOfWordsAvx2, ByteRowAvx2}, CodeMapGroupsAvx2,
-                                   {MarkRepeatsAvx2, PackNibblesAvx2, nullptr}};
-constexpr CKernels AVX512_KERNELS = {"avx512", SpreadSlotsAvx512, ClassifySlotsAvx512,
-                                     {OrOfWordsAvx512, ByteRowAvx512}, CodeMapGroupsAvx512, {MarkRepeatsAvx512, PackNibblesAvx512, CodeRunWindowsAvx512}};
+constexpr CKernels AVX2_KERNELS = {"avx2", SpreadSlotsSsse3, ClassifySlotsSsse3, {OrOfWordsAvx2, ByteRowAvx2},
+                                   CodeMapGroupsAvx2, {MarkRepeatsAvx2, PackNibblesAvx2, nullptr}};
+constexpr CKernels AVX512_KERNELS = {"avx512", SpreadSlotsAvx512, ClassifySlotsAvx512, {OrOfWordsAvx512, ByteRowAvx512},
+                                     CodeMapGroupsAvx512,
+                                     {MarkRepeatsAvx512, PackNibblesAvx512, CodeRunWindowsAvx512}};
 #endif
 #ifdef MERTAX_HAVE_NEON_KERNELS
 constexpr CKernels NEON_KERNELS = {"neon", SpreadSlotsNeon, ClassifySlotsNeon, PORTABLE_CELLS, nullptr,

@@ -33,7 +33,9 @@ MERTAX_AVX512_TARGET size_t ClassifySlotsAvx512(const uint8_t* pBytes, size_t bl
     const __m512i shift = _mm512_set1_epi64(high ? 4 : 0); // a shift by a register: no branch per block
     size_t put = 0;
     for (size_t b = 0; b < blocks; ++b, pBytes += 64) {
-        const auto piece = [pBytes](unsigned k) { return _mm_loadu_si128(reinterpret_cast<const __m128i*>(pBytes + 16 * k)); };
+        const auto piece = [pBytes](unsigned k) {
+            return _mm_loadu_si128(reinterpret_cast<const __m128i*>(pBytes + 16 * k));
+        };
         const __m512i bytes = _mm512_inserti64x4(_mm512_castsi256_si512(_mm256_set_m128i(piece(1), piece(0))),
                                                  _mm256_set_m128i(piece(3), piece(2)), 1);
         const __m512i slots = _mm512_and_si512(_mm512_srlv_epi64(bytes, shift), _mm512_set1_epi8(0x0F));
