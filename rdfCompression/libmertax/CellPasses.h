@@ -1,9 +1,9 @@
 // The encoder's passes over a segment's cells before any plane is coded: the OR of every cell
 // XOR the bias (which planes all match it, and whether 16-bit cells fit in bytes), and the row of
-// one byte of every cell that two nibble planes are classified from. The portable forms take
-// sixteen bytes at a time with SSE2; the AVX2 forms 32 (the OR, and rows of 16- and 32-bit cells);
-// the AVX-512 forms 64, a row's bytes by truncating moves.
-// All give the same results; KernelDispatch chooses.
+// one byte of every cell that two nibble planes are classified from. The portable forms work in
+// registers of sixteen bytes with SSE2, the AVX2 forms in 32 (the OR, and rows of 16- and 32-bit
+// cells), the AVX-512 forms in 64, a row's bytes by truncating moves. All give the same results;
+// KernelDispatch chooses.
 #pragma once
 
 #include <cstddef>
