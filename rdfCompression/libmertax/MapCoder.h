@@ -104,6 +104,20 @@ public:
                 if (coded != 0) {
                     remainder = 0;
                     p += coded;
+                    if (coded >= GRID_WORTHWHILE) {
+                        // The step stopped at a run of matches (or at its end, where one may
+                        // follow): a run under 64 is coded here, and the step tried again after
+                        // it, which spares noisy data with runs the scalar coder's round trip for
+                        // every run. The slot after the step's last group begins an entry, and
+                        // more than 64 slots follow it.
+                        const uint64_t window = Window(pMatches, p);
+                        if ((window & 0x3F) == 0x3F && ~window != 0) {
+                            const unsigned ones = unsigned(__builtin_ctzll(~window));
+                            *pOut++ = uint8_t(0x80 | ones);
+                            remainder = ones;
+                            p += ones + 1;
+                        }
+                    }
                     continue;
                 }
             }
