@@ -47,7 +47,8 @@ void ExpectMapCodersAgree(const std::vector<uint8_t>& match, size_t skipped, Pie
         plain.Next(match[s]);
     plain.Finish();
 
-    std::vector<uint64_t> words(match.size() / 64 + 3, ~uint64_t(0)); // what lies past the bits must not count
+    // What lies past the bits must not count.
+    std::vector<uint64_t> words(match.size() / 64 + 1 + CMatchBits::WORDS_PAST_LAST, ~uint64_t(0));
     CMatchBits bits(words.data());
     for (size_t s = 0; s < match.size();) {
         const unsigned count = unsigned(std::min<size_t>(match.size() - s, piece()));
@@ -148,6 +149,27 @@ TEST(FastPath, MapCoderAgreesOnNoise)
     }
 }
 
+size_t WholeWords() { return 64; }
+
+// Groups for the vector step up to the map's end, over any number of its steps, then a partial
+// group of matches, which only the scalar coder may take (as a run that no non-match ends).
+TEST(FastPath, MapCoderAgreesWhereGroupsReachTheMapEnd)
+{
+    std::mt19937_64 rng(34);
+    for (size_t groups = 0; groups <= 140; ++groups)
+        for (size_t tail = groups == 0 ? 1 : 0; tail < 6; ++tail) {
+            std::vector<uint8_t> match;
+            for (size_t g = 0; g < groups; ++g) {
+                const unsigned bits = 1 + unsigned(rng() % 62); // neither all-zero nor six matches
+                for (unsigned k = 0; k < 6; ++k)
+                    match.push_back(bits >> k & 1);
+            }
+            match.insert(match.end(), tail, 1);
+            ExpectMapCodersAgree(match, 0, WholeWords,
+                                 std::to_string(groups) + " groups, " + std::to_string(tail) + " after");
+        }
+}
+
 TEST(FastPath, NibbleCoderAgreesWithNibbleByNibble)
 {
     std::mt19937_64 rng(22);
@@ -217,8 +239,6 @@ std::vector<size_t> Placements(size_t length, size_t slots)
         at.push_back(PLANE - length / 2); // across the end of the first plane
     return at;
 }
-
-size_t WholeWords() { return 64; }
 
 TEST(Boundaries, MatchRunsAroundEveryMapEntryLimit)
 {

@@ -38,14 +38,17 @@ public:
         m_size += count;
     }
 
-    // The number of bits; the two words after the last one are cleared for the map coder.
+    // The number of bits; the words after the last one that the map coder reads are cleared
+    // (the buffer holds WORDS_PAST_LAST more than the bits need).
     size_t Close()
     {
         const size_t words = (m_size + 63) / 64;
-        m_pWords[words] = 0;
-        m_pWords[words + 1] = 0;
+        for (size_t w = 0; w < WORDS_PAST_LAST; ++w)
+            m_pWords[words + w] = 0;
         return m_size;
     }
+
+    static constexpr size_t WORDS_PAST_LAST = MAP_GROUPS_READ_PAST;
 
 private:
     uint64_t* m_pWords;
@@ -59,7 +62,7 @@ public:
     explicit CMapCoder(MapGroupsFn groups = nullptr) : m_groups(groups) {}
 
     // Codes the map of `slots` coded slots (at least one) into pMap; bit i of pMatches[i / 64] is
-    // slot i's match bit, and two words after the last one must be readable. `skipped` matching
+    // slot i's match bit, as CMatchBits leaves them. `skipped` matching
     // slots of the leading planes that are not coded come before slot 0. Returns the map's size.
     size_t Code(const uint64_t* pMatches, size_t slots, size_t skipped, uint8_t* pMap)
     {
@@ -86,14 +89,14 @@ public:
         size_t gridFrom = 0; // where the vector step may next be tried
         size_t pause = GRID_PAUSE_MIN;
         while (p < slots) {
-            if (m_groups != nullptr && p >= gridFrom && slots - p >= MAP_GROUPS_MIN_SLOTS) {
+            if (m_groups != nullptr && p >= gridFrom && slots - p >= GRID_WORTHWHILE) {
                 // Where runs come often the step stops early; it then pauses for a while, longer
                 // after each stop in a row, so that run-heavy stretches pay little for trying it
                 // and noisy ones after them soon get it back.
                 // The kernel advances a copy: were pOut's address taken, it would live in memory
                 // throughout, and every group the scalar loop writes would wait on its reload.
                 uint8_t* pGroupsOut = pOut;
-                const size_t coded = m_groups(pMatches, p, pGroupsOut);
+                const size_t coded = m_groups(pMatches, p, slots, pGroupsOut);
                 pOut = pGroupsOut;
                 if (coded < GRID_WORTHWHILE) {
                     gridFrom = p + coded + pause;
@@ -106,13 +109,13 @@ public:
                     p += coded;
                     if (coded >= GRID_WORTHWHILE) {
                         // The step stopped at a run of matches (or at its end, where one may
-                        // follow): a run under 64 is coded here, and the step tried again after
-                        // it, which spares noisy data with runs the scalar coder's round trip for
-                        // every run. The slot after the step's last group begins an entry, and
-                        // more than 64 slots follow it.
+                        // follow): a run under 64 that a non-match ends is coded here, and the
+                        // step tried again after it, which spares noisy data with runs the scalar
+                        // coder's round trip for every run. The slot after the step's last group
+                        // begins an entry.
                         const uint64_t window = Window(pMatches, p);
-                        if ((window & 0x3F) == 0x3F && ~window != 0) {
-                            const unsigned ones = unsigned(__builtin_ctzll(~window));
+                        const unsigned ones = ~window == 0 ? 64 : unsigned(__builtin_ctzll(~window));
+                        if (ones >= 6 && ones < 64 && ones < slots - p) {
                             *pOut++ = uint8_t(0x80 | ones);
                             remainder = ones;
                             p += ones + 1;

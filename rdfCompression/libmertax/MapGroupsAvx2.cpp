@@ -31,7 +31,7 @@ alignas(32) constexpr int8_t REVERSED_HIGH[32] = {0, 2, 1, 3, 0, 0, 0, 0, 0, 0, 
 } // namespace
 
 __attribute__((target("avx2,bmi,popcnt")))
-size_t CodeMapGroupsAvx2(const uint64_t* pMatches, size_t p, uint8_t*& pOut)
+size_t CodeMapGroupsAvx2(const uint64_t* pMatches, size_t p, size_t end, uint8_t*& pOut)
 {
     // The 192 match bits from slot p, moved down by p % 8 bits: each qword takes the next one's low
     // bits (a shift by 64 gives zero).
@@ -57,7 +57,10 @@ size_t CodeMapGroupsAvx2(const uint64_t* pMatches, size_t p, uint8_t*& pOut)
     const uint32_t nonZero = ~uint32_t(_mm256_movemask_epi8(_mm256_cmpeq_epi8(groups, _mm256_setzero_si256())));
     const uint32_t full = uint32_t(_mm256_movemask_epi8(_mm256_cmpeq_epi8(groups, _mm256_set1_epi8(0x3F))));
     const uint32_t breaks = full & ((nonZero << 1) | 1);
+    const size_t whole = (end - p) / 6; // groups before the last slot's end
     uint32_t coded = breaks != 0 ? nonZero & ((uint32_t(1) << __builtin_ctz(breaks)) - 1) : nonZero;
+    if (whole < GROUPS)
+        coded &= (uint32_t(1) << whole) - 1;
     if (coded == 0)
         return 0;
 

@@ -62,7 +62,7 @@ inline uint64_t LowMask(unsigned n) { return n >= 64 ? ~uint64_t(0) : (uint64_t(
 #pragma GCC diagnostic ignored "-Wuninitialized"
 #pragma GCC diagnostic ignored "-Wmaybe-uninitialized"
 __attribute__((target("avx512f,avx512bw,avx512vbmi,avx512vbmi2,bmi2,popcnt")))
-size_t CodeMapGroupsAvx512(const uint64_t* pMatches, size_t p, uint8_t*& pOut)
+size_t CodeMapGroupsAvx512(const uint64_t* pMatches, size_t p, size_t end, uint8_t*& pOut)
 {
     // The 64 groups from slot p, each in the low six bits of a byte, slot order (first slot bit 0).
     const __m512i raw = _mm512_loadu_si512(reinterpret_cast<const uint8_t*>(pMatches) + p / 8);
@@ -75,7 +75,9 @@ size_t CodeMapGroupsAvx512(const uint64_t* pMatches, size_t p, uint8_t*& pOut)
     const uint64_t nonZero = _mm512_test_epi8_mask(groups, groups);
     const uint64_t full = _mm512_cmpeq_epi8_mask(groups, _mm512_set1_epi8(0x3F));
     const uint64_t breaks = full & ((nonZero << 1) | 1);
-    uint64_t coded = nonZero & LowMask(breaks ? unsigned(__builtin_ctzll(breaks)) : 64);
+    const size_t whole = (end - p) / 6; // groups before the last slot's end
+    uint64_t coded = nonZero & LowMask(breaks ? unsigned(__builtin_ctzll(breaks)) : 64) &
+                     LowMask(whole < 64 ? unsigned(whole) : 64);
     if (coded == 0)
         return 0;
 

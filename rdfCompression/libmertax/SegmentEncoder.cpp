@@ -82,7 +82,7 @@ size_t COptimalBiasDulo::Deflate(uint8_t* pUncData, const uint16_t& segSize, T s
     CNibbleCoder nibbles(uint8_t((bias >> firstShift) & 0xF), kernels.nibbles);
     const size_t skippedSlots = (reduced ? skippedPlanes - 2 : skippedPlanes) * elems;
     // Match bits of every coded slot, plane after plane; the map is coded from them at the end.
-    uint64_t matchWords[2 * MAX_SEGMENT_DATA / 64 + 2];
+    uint64_t matchWords[2 * MAX_SEGMENT_DATA / 64 + CMatchBits::WORDS_PAST_LAST];
     CMatchBits matchBits(matchWords);
     // A plane's non-match nibbles are gathered into the coder and coded together at the plane's end.
     uint8_t* const planeNibbles = nibbles.PlaneNibbles();
