@@ -9,6 +9,7 @@
 // is staged one nibble per byte and packed into bytes once, at the end.
 #pragma once
 
+#include "ByteAccess.h"
 #include "NibbleKernels.h"
 #include "SegmentFormat.h"
 
@@ -115,7 +116,6 @@ public:
     }
 
 private:
-    static constexpr unsigned NM_RUN_LENGTH_MAX = 255;
     static constexpr size_t WINDOW_RUNS_MIN = 2; // runs of three or more in 64 slots
 
     // The first position at or after `from` whose bit is clear, or `count`.
@@ -180,28 +180,15 @@ private:
         return pOut + count;
     }
 
-    // The code that closes a run of `length` slots of v, whose first literal is already out.
+    // The code that closes a run of `length` slots (1 to 255) of v, whose first literal is already
+    // out: looked up, so that the run's length class costs no branch.
     static uint8_t* PutRun(uint8_t* pOut, unsigned length, uint8_t v, uint8_t escape)
     {
-        // A count nibble equal to the escape would read as a second escape.
-        if (length == escape && length >= 3) {
-            *pOut++ = v;
-            --length;
-        }
-        if (length == 2) {
-            *pOut++ = v;
-        } else if (length >= 3 && length <= 15) {
-            pOut[0] = escape;
-            pOut[1] = uint8_t(length);
-            pOut += 2;
-        } else if (length >= 16) {
-            pOut[0] = escape;
-            pOut[1] = escape;
-            pOut[2] = uint8_t(length >> 4);
-            pOut[3] = uint8_t(length & 0xF);
-            pOut += 4;
-        }
-        return pOut;
+        const uint32_t nibbles = RUN_TAILS.m_aNibbles[escape][length];
+        // The bytes that stand for v (RUN_TAIL_VALUE, the only ones with the high bit) made all ones.
+        const uint32_t isValue = (nibbles >> 7 & 0x01010101u) * 0xFF;
+        StoreLE<uint32_t>(pOut, (nibbles & ~isValue) | (v * 0x01010101u & isValue));
+        return pOut + RUN_TAILS.m_aCount[escape][length];
     }
 
     void Put(uint8_t nibble) { m_aStaged[m_staged++] = nibble; }

@@ -39,6 +39,54 @@ inline void PackNibblesFrom(size_t done, const uint8_t* pStaged, size_t bytes, u
         pOut[k] = uint8_t(pStaged[2 * k] << 4 | pStaged[2 * k + 1]);
 }
 
+// The longest run one run code holds; a longer one goes on as a new run.
+constexpr unsigned NM_RUN_LENGTH_MAX = 255;
+
+// The run codes, for the run-by-run coder and the window kernels alike.
+// RUN_TAILS.m_aNibbles[E][r]: the nibbles after a run's first literal for a run of r under
+// escape E, one per byte (RUN_TAIL_VALUE stands for the run's value v), m_aCount how many:
+// nothing for r = 1; v for 2; E r for 3 to 15; E E r>>4 r&15 for 16 and more; and v first when
+// r is the escape itself, as a count nibble equal to the escape would read as a second escape.
+constexpr uint8_t RUN_TAIL_VALUE = 0x80;
+
+struct SRunTails
+{
+    uint32_t m_aNibbles[16][NM_RUN_LENGTH_MAX + 1];
+    uint8_t m_aCount[16][NM_RUN_LENGTH_MAX + 1];
+};
+
+constexpr SRunTails MakeRunTails()
+{
+    SRunTails tails{};
+    for (unsigned escape = 0; escape < 16; ++escape) {
+        for (unsigned run = 1; run <= NM_RUN_LENGTH_MAX; ++run) {
+            uint8_t seq[4] = {};
+            unsigned count = 0, length = run;
+            if (length == escape && length >= 3) {
+                seq[count++] = RUN_TAIL_VALUE;
+                --length;
+            }
+            if (length == 2) {
+                seq[count++] = RUN_TAIL_VALUE;
+            } else if (length >= 3 && length <= 15) {
+                seq[count++] = uint8_t(escape);
+                seq[count++] = uint8_t(length);
+            } else if (length >= 16) {
+                seq[count++] = uint8_t(escape);
+                seq[count++] = uint8_t(escape);
+                seq[count++] = uint8_t(length >> 4);
+                seq[count++] = uint8_t(length & 0xF);
+            }
+            tails.m_aNibbles[escape][run] =
+                uint32_t(seq[0]) | uint32_t(seq[1]) << 8 | uint32_t(seq[2]) << 16 | uint32_t(seq[3]) << 24;
+            tails.m_aCount[escape][run] = uint8_t(count);
+        }
+    }
+    return tails;
+}
+
+inline constexpr SRunTails RUN_TAILS = MakeRunTails();
+
 // Codes the runs of nibbles pNibbles[from] to pNibbles[count - 1], whose repeat marks are
 // pSame's (slot `from` starts a run whatever came before it), as the run-by-run coder would,
 // window by window: each window reaches up to the last run that ends within 64 slots, so its runs

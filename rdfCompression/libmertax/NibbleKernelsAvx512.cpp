@@ -35,10 +35,8 @@ __attribute__((target("avx512f,avx512bw"))) void PackNibblesAvx512(const uint8_t
     PackNibblesFrom(k, pStaged, bytes, pOut);
 }
 
-// A run of r slots of v codes to v, then: nothing (r = 1); v (r = 2); E r (3 to 15); v E r-1 when
-// r is the escape E itself (v v for r = 3); E E r>>4 r&15 (16 and more). Each is no longer than
-// its run, so slot k of a run takes the run's k-th code nibble or is dropped, and a window's
-// stream is its slots' values compacted.
+// A run's code is no longer than the run (see RUN_TAILS), so slot k of a run takes the run's
+// k-th code nibble or is dropped, and a window's stream is its slots' values compacted.
 namespace {
 
 constexpr uint8_t CODE_KEPT = 0x40;  // the slot is kept
@@ -54,29 +52,13 @@ struct SRunCodes
 constexpr SRunCodes MakeRunCodes()
 {
     SRunCodes codes{};
-    for (unsigned escape = 0; escape < 16; ++escape) {
-        for (unsigned r = 1; r <= 64; ++r) {
-            uint8_t seq[4] = {};
-            if (r == 2) {
-                seq[0] = CODE_KEPT | CODE_VALUE;
-            } else if (r == escape && r == 3) {
-                seq[0] = seq[1] = CODE_KEPT | CODE_VALUE;
-            } else if (r == escape && r > 3) {
-                seq[0] = CODE_KEPT | CODE_VALUE;
-                seq[1] = uint8_t(CODE_KEPT | escape);
-                seq[2] = uint8_t(CODE_KEPT | (r - 1));
-            } else if (r >= 3 && r <= 15) {
-                seq[0] = uint8_t(CODE_KEPT | escape);
-                seq[1] = uint8_t(CODE_KEPT | r);
-            } else if (r >= 16) {
-                seq[0] = seq[1] = uint8_t(CODE_KEPT | escape);
-                seq[2] = uint8_t(CODE_KEPT | (r >> 4));
-                seq[3] = uint8_t(CODE_KEPT | (r & 0xF));
+    for (unsigned escape = 0; escape < 16; ++escape)
+        for (unsigned r = 1; r <= 64; ++r)
+            for (unsigned k = 0; k < RUN_TAILS.m_aCount[escape][r]; ++k) {
+                const uint8_t nibble = uint8_t(RUN_TAILS.m_aNibbles[escape][r] >> (8 * k));
+                codes.m_aCode[escape][k][r % 64] =
+                    uint8_t(CODE_KEPT | (nibble == RUN_TAIL_VALUE ? CODE_VALUE : nibble));
             }
-            for (unsigned k = 0; k < 4; ++k)
-                codes.m_aCode[escape][k][r % 64] = seq[k];
-        }
-    }
     return codes;
 }
 
