@@ -170,6 +170,30 @@ TEST(FastPath, MapCoderAgreesWhereGroupsReachTheMapEnd)
         }
 }
 
+// A grid step that codes less than it could still gives the scalar coder's map, only slower: each
+// set's step takes its whole width of noisy groups in one call, and whole groups up to the end.
+TEST(FastPath, GridStepTakesItsWholeWidth)
+{
+    std::vector<uint64_t> words(16 + CMatchBits::WORDS_PAST_LAST);
+    CMatchBits bits(words.data());
+    std::mt19937_64 rng(35);
+    for (int group = 0; group < 160; ++group)
+        bits.Append(1 + rng() % 62, 6); // neither all-zero nor six matches
+    const size_t slots = bits.Close();
+    for (EKernelSet set : SupportedKernelSets()) {
+        const MapGroupsFn step = KernelsOf(set).mapGroups;
+        if (step == nullptr)
+            continue;
+        const size_t width = set == EKernelSet::AVX2 ? 32 : 64;
+        uint8_t map[64];
+        uint8_t* pOut = map;
+        EXPECT_EQ(step(words.data(), 6, slots, pOut), 6 * width) << KernelsOf(set).name;
+        EXPECT_EQ(size_t(pOut - map), width) << KernelsOf(set).name; // an entry per group
+        pOut = map;
+        EXPECT_EQ(step(words.data(), slots - 30, slots - 3, pOut), 24u) << KernelsOf(set).name;
+    }
+}
+
 TEST(FastPath, NibbleCoderAgreesWithNibbleByNibble)
 {
     std::mt19937_64 rng(22);
