@@ -62,8 +62,8 @@ public:
     explicit CMapCoder(MapGroupsFn groups = nullptr) : m_groups(groups) {}
 
     // Codes the map of `slots` coded slots (at least one) into pMap; bit i of pMatches[i / 64] is
-    // slot i's match bit, as CMatchBits leaves them. `skipped` matching
-    // slots of the leading planes that are not coded come before slot 0. Returns the map's size.
+    // slot i's match bit, as CMatchBits leaves them. `skipped` matching slots of the leading planes
+    // that are not coded come before slot 0. Returns the map's size.
     size_t Code(const uint64_t* pMatches, size_t slots, size_t skipped, uint8_t* pMap)
     {
         // Everything lives in locals: stores to the map could otherwise alias the members.
