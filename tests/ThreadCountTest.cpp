@@ -10,6 +10,7 @@
 #include <gtest/gtest.h>
 
 #include <cstdlib>
+#include <thread>
 #include <vector>
 
 namespace {
@@ -86,6 +87,31 @@ TEST(ThreadCount, BytesAndCarriedHintAreThoseOfOneThread)
             EXPECT_EQ(back, first);
         }
     }
+}
+
+TEST(ThreadCount, CallersAtOnceEachGetTheBytesOfTheirOwnData)
+{
+    // Each caller codes its own cells on the pool: the scratch space that one of them keeps between
+    // calls must never be another's at the same time.
+    const CSetup s{4, 4, false};
+    std::vector<Bytes> cells, expected;
+    for (uint64_t t = 0; t < 4; ++t) {
+        cells.push_back(Cells(4, (96 << 10) / 4 + 1000 * t, 10 + t));
+        COptimalBiasDulo one = Codec(s);
+        expected.push_back(Compress(one, cells.back(), 4, 1));
+    }
+    std::vector<int> wrong(cells.size(), 0);
+    std::vector<std::thread> callers;
+    for (size_t t = 0; t < cells.size(); ++t)
+        callers.emplace_back([&, t] {
+            for (int i = 0; i < 100; ++i) {
+                COptimalBiasDulo codec = Codec(s);
+                wrong[t] += Compress(codec, cells[t], 4, 2) != expected[t];
+            }
+        });
+    for (std::thread& caller : callers)
+        caller.join();
+    EXPECT_EQ(wrong, std::vector<int>(cells.size(), 0));
 }
 
 TEST(ThreadCount, FailureForLackOfRoomLeavesTheCodecAsOneThreadDoes)

@@ -4,7 +4,6 @@
 
 #include <algorithm>
 #include <cstring>
-#include <new>
 #include <thread>
 
 namespace {
@@ -24,7 +23,10 @@ size_t TaskCount(size_t items, size_t perTask) { return (items + perTask - 1) / 
 CParallelSegments::CParallelSegments(COptimalBiasDulo& codec, const uint8_t* pUnc, size_t uncSize, size_t cellSize,
                                      unsigned threads)
     : m_codec(codec), m_pUnc(pUnc), m_cellSize(cellSize), m_threads(threads),
-      m_stride(RoundUp(codec.GetWorstCaseCmpBufSize(cellSize, 2 * COptimalBiasDulo::STD_SEGSIZE), 64)),
+      m_stride(RoundUp(codec.GetWorstCaseCmpBufSize(cellSize, codec.MayEnlargeSegments(cellSize)
+                                                                   ? 2 * COptimalBiasDulo::STD_SEGSIZE
+                                                                   : COptimalBiasDulo::STD_SEGSIZE),
+                       64)),
       m_segsBefore(codec.m_segsProcessed)
 {
     Segment(uncSize);
@@ -33,8 +35,9 @@ CParallelSegments::CParallelSegments(COptimalBiasDulo& codec, const uint8_t* pUn
                         level < COptimalBiasDulo::FIND_OPTBIAS_COMP_LEVEL;
     m_period = hinted ? COptimalBiasDulo::FIND_OPTBIAS_COMP_LEVEL - level : 0;
     // No room for the scratch space: the caller codes on its own thread instead.
-    m_pScratch.reset(new (std::nothrow) uint8_t[m_stride * m_segments.size()]);
-    if (!m_pScratch)
+    m_scratch = std::make_unique<CKeptScratch>(m_stride * m_segments.size());
+    m_pScratch = m_scratch->Data();
+    if (m_pScratch == nullptr)
         return;
     m_hintFor.assign(m_segments.size(), codec.m_biasHint);
 
@@ -85,7 +88,7 @@ void CParallelSegments::CodeSegment(size_t segment, uint64_t hint)
     codec.m_segsProcessed = m_segsBefore + segment;
     // The codec only reads the cells (a stored segment with segmin is restored in a copy).
     seg.compSize = codec.CompressSegment(const_cast<uint8_t*>(m_pUnc) + seg.inOffset, uint16_t(seg.bytes),
-                                         m_cellSize, m_pScratch.get() + segment * m_stride);
+                                         m_cellSize, m_pScratch + segment * m_stride);
     seg.hintAfter = codec.m_biasHint;
 }
 
@@ -133,7 +136,7 @@ void CParallelSegments::CopyOut(const std::vector<size_t>& offsets, uint8_t* pOu
     RunTasks(m_threads, TaskCount(offsets.size(), CODE_RANGE), [&](size_t task) {
         const size_t end = std::min(offsets.size(), (task + 1) * CODE_RANGE);
         for (size_t segment = task * CODE_RANGE; segment < end; ++segment)
-            std::memcpy(pOut + offsets[segment], m_pScratch.get() + segment * m_stride, m_segments[segment].compSize);
+            std::memcpy(pOut + offsets[segment], m_pScratch + segment * m_stride, m_segments[segment].compSize);
     });
 }
 

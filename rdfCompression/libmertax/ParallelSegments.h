@@ -4,6 +4,7 @@
 // The bytes, and the hint the codec carries to its next call, are those of one thread.
 #pragma once
 
+#include "KeptScratch.h"
 #include "OptimalBiasDulo.h"
 
 #include <atomic>
@@ -55,7 +56,8 @@ private:
     size_t m_cellSize;
     unsigned m_threads;
     size_t m_stride; // scratch bytes per segment
-    std::unique_ptr<uint8_t[]> m_pScratch;
+    std::unique_ptr<CKeptScratch> m_scratch;
+    uint8_t* m_pScratch = nullptr;
     std::vector<CSegment> m_segments;
     size_t m_period;         // segments per hint renewal, 0 where the level keeps no hint
     size_t m_segsBefore;     // the codec's segment count when the call began
