@@ -13,4 +13,4 @@ mkdir "$work/src"
 "$work/venv/bin/pip" install -q --no-index --no-build-isolation "$work"/dist/mertax-*.whl
 cd "$work"
 unset PYTHONPATH HDF5_PLUGIN_PATH
-"$work/venv/bin/python" -m pytest -q -p no:cacheprovider "$source_dir/tests/package/installed_wheel.py"
+"$work/venv/bin/python" -m pytest -q -p no:cacheprovider --basetemp="$work/pytest" "$source_dir/tests/package/installed_wheel.py"
