@@ -60,24 +60,31 @@ py::bytes Compress(const py::buffer& data, size_t cellBytes, int level, bool red
                               std::to_string(cellBytes) + "-byte cells");
     if (in.Size() == 0)
         return py::bytes();
-    std::string out(mertax_compress_bound(cellBytes, in.Size()), '\0');
+    // The codec writes straight into the bytes object, which is cut to the compressed size after:
+    // no zero fill of the worst case, no copy.
+    const size_t bound = mertax_compress_bound(cellBytes, in.Size());
+    py::bytes out = py::reinterpret_steal<py::bytes>(PyBytes_FromStringAndSize(nullptr, py::ssize_t(bound)));
+    if (!out)
+        throw py::error_already_set();
+    uint8_t* pOut = reinterpret_cast<uint8_t*>(PyBytes_AS_STRING(out.ptr()));
     size_t size;
     {
         py::gil_scoped_release release;
         if (reduce || cellBytes != 2) {
-            size = mertax_compress_mt(in.Data(), in.Size(), cellBytes, level, &out[0], out.size(), threads);
+            size = mertax_compress_mt(in.Data(), in.Size(), cellBytes, level, pOut, bound, threads);
         } else {
             CQuietCodec quiet;
             COptimalBiasDulo codec;
             codec.SetCompressLevel(size_t(level));
-            size = codec.CompressOnThreads(in.Data(), in.Size(), cellBytes, reinterpret_cast<uint8_t*>(&out[0]),
-                                           out.size(), threads);
+            size = codec.CompressOnThreads(in.Data(), in.Size(), cellBytes, pOut, bound, threads);
         }
     }
     if (size == 0)
         throw py::value_error("the codec could not compress the data");
-    out.resize(size);
-    return py::bytes(out);
+    PyObject* pResized = out.release().ptr();
+    if (_PyBytes_Resize(&pResized, py::ssize_t(size)) != 0)
+        throw py::error_already_set();
+    return py::reinterpret_steal<py::bytes>(pResized);
 }
 
 size_t ExpandedSize(const py::buffer& data, size_t cellBytes)
