@@ -3,6 +3,7 @@
 // ThreadSanitizer too.
 #include "ExpansionFailure.h"
 #include "OptimalBiasDulo.h"
+#include "ParallelSegments.h"
 #include "PluginThreads.h"
 #include "SampleData.h"
 #include "TestSupport.h"
@@ -86,6 +87,23 @@ TEST(ThreadCount, BytesAndCarriedHintAreThoseOfOneThread)
                       back.size());
             EXPECT_EQ(back, first);
         }
+    }
+}
+
+TEST(ThreadCount, StoredSegmentsFillTheirWholeScratchSlots)
+{
+    // Cells of the full range are stored, at the worst-case size: each segment's slot of scratch
+    // space must hold it without reaching into the next one's. The pool must really code them.
+    for (const CSetup& s : {CSetup{1, 4, false}, CSetup{2, 4, true}, CSetup{4, 0, false}, CSetup{8, 9, false}}) {
+        SCOPED_TRACE(testing::Message() << "cell " << s.cellBytes);
+        Bytes cells = MakeShapeBytes(EShape::RANDOM, s.cellBytes, (160 << 10) / s.cellBytes, 5);
+        if (s.reduce) // random bytes, in segments of 8192 bytes
+            for (size_t i = 1; i < cells.size(); i += 2)
+                cells[i] = 0;
+        COptimalBiasDulo one = Codec(s), many = Codec(s);
+        EXPECT_EQ(Compress(many, cells, s.cellBytes, 2), Compress(one, cells, s.cellBytes, 1));
+        COptimalBiasDulo probe = Codec(s);
+        EXPECT_TRUE(CParallelSegments(probe, cells.data(), cells.size(), s.cellBytes, 2).Coded());
     }
 }
 
