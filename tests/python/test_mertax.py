@@ -161,6 +161,39 @@ def test_threads_inside_the_codec_and_the_filter_give_the_same_bytes(tmp_path, m
         mertax.compress(array, threads=0)
 
 
+# Run in a fresh process: the threads it has before and after the operation, once on one thread
+# and then on two (the pool starts its workers on first use and keeps them).
+POOL_PROBE = """
+import os, sys, h5py, numpy as np, mertax
+a = np.random.default_rng(1).poisson(3, 1 << 19).astype("u2")  # one chunk of 1 MiB
+blob = mertax.compress(a)
+with h5py.File(sys.argv[1], "w") as f:
+    f.create_dataset("d", data=a, chunks=a.shape, **mertax.Mertax())
+def run(threads):
+    os.environ["MERTAX_NTHREADS"] = str(threads)
+    before = len(os.listdir("/proc/self/task"))
+    OPERATION
+    return len(os.listdir("/proc/self/task")) - before
+print(run(1), run(2) > 0)
+"""
+
+
+@pytest.mark.skipif(not os.path.isdir("/proc/self/task"), reason="threads counted in /proc")
+@pytest.mark.parametrize("operation", (
+    "mertax.compress(a, threads=threads)",
+    "mertax.decompress(blob, 'u2', threads=threads)",
+    "h5py.File(sys.argv[1], 'a').create_dataset(f'w{threads}', data=a, chunks=a.shape, **mertax.Mertax())",
+    "h5py.File(sys.argv[1], 'r')['d'][...]",
+))
+def test_a_thread_count_above_one_reaches_the_pool(tmp_path, operation):
+    # Two threads give the same bytes as one, so only the threads the process has can tell that a
+    # count was passed on and not dropped on the way.
+    script = POOL_PROBE.replace("OPERATION", operation)
+    result = subprocess.run([sys.executable, "-c", script, str(tmp_path / "probe.h5")], capture_output=True,
+                            text=True, check=True)
+    assert result.stdout.split() == ["0", "True"], result.stderr
+
+
 @pytest.mark.skipif(not hasattr(os, "fork"), reason="no fork on this platform")
 def test_a_forked_child_gets_a_pool_of_its_own():
     array = detector_like("u4", 200000)
