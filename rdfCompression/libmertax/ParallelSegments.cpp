@@ -35,7 +35,7 @@ CParallelSegments::CParallelSegments(COptimalBiasDulo& codec, const uint8_t* pUn
                         level < COptimalBiasDulo::FIND_OPTBIAS_COMP_LEVEL;
     m_period = hinted ? COptimalBiasDulo::FIND_OPTBIAS_COMP_LEVEL - level : 0;
     // No room for the scratch space: the caller codes on its own thread instead.
-    m_scratch = std::make_unique<CKeptScratch>(m_stride * m_segments.size());
+    m_scratch.emplace(m_stride * m_segments.size());
     m_pScratch = m_scratch->Data();
     if (m_pScratch == nullptr)
         return;

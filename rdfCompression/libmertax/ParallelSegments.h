@@ -10,7 +10,7 @@
 #include <atomic>
 #include <cstddef>
 #include <cstdint>
-#include <memory>
+#include <optional>
 #include <vector>
 
 class CParallelSegments
@@ -56,8 +56,8 @@ private:
     size_t m_cellSize;
     unsigned m_threads;
     size_t m_stride; // scratch bytes per segment
-    std::unique_ptr<CKeptScratch> m_scratch;
-    uint8_t* m_pScratch = nullptr;
+    std::optional<CKeptScratch> m_scratch;
+    uint8_t* m_pScratch = nullptr; // m_scratch's data
     std::vector<CSegment> m_segments;
     size_t m_period;         // segments per hint renewal, 0 where the level keeps no hint
     size_t m_segsBefore;     // the codec's segment count when the call began
