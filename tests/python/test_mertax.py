@@ -44,6 +44,12 @@ def test_round_trip_equals_the_filters_chunk(tmp_path, dtype, level):
     np.testing.assert_array_equal(mertax.decompress(blob, dtype), array.reshape(-1))
 
 
+@pytest.mark.parametrize("level", LEVELS)
+def test_16_bit_cells_that_fit_in_bytes_are_coded_as_the_filter_codes_them(tmp_path, level):
+    array = np.random.default_rng(5).poisson(3, (40, 300)).astype("u2")  # byte segments of 8192 bytes
+    assert mertax.compress(array, level=level) == filter_chunk(tmp_path, array, level)
+
+
 def test_any_dtype_of_a_cell_width_is_raw_cells_and_others_are_refused():
     floats = np.linspace(0, 1, 1000, dtype="f4")
     np.testing.assert_array_equal(mertax.decompress(mertax.compress(floats), "f4"), floats)
