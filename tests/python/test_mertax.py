@@ -50,6 +50,11 @@ def test_16_bit_cells_that_fit_in_bytes_are_coded_as_the_filter_codes_them(tmp_p
     assert mertax.compress(array, level=level) == filter_chunk(tmp_path, array, level)
 
 
+def test_the_default_level_is_4():
+    array = np.random.default_rng(2).poisson(3, 40000).astype("u2") + 0x1230  # the hint moves with the level
+    assert mertax.compress(array) == mertax.compress(array, level=4) != mertax.compress(array, level=5)
+
+
 def test_any_dtype_of_a_cell_width_is_raw_cells_and_others_are_refused():
     floats = np.linspace(0, 1, 1000, dtype="f4")
     np.testing.assert_array_equal(mertax.decompress(mertax.compress(floats), "f4"), floats)
@@ -215,19 +220,21 @@ def test_a_forked_child_gets_a_pool_of_its_own():
 @pytest.mark.parametrize("threads", (1, 2, 5))
 def test_threaded_direct_chunk_io_matches_the_filter_pipeline(tmp_path, threads):
     path = tmp_path / "direct.h5"
-    array = detector_like("u2", (45, 700))  # partial edge chunks in both dimensions
+    # Partial edge chunks in both dimensions; 16 segments a chunk and counts near a level, so that
+    # the bias hint changes within a chunk and the level's hint period shows in the bytes.
+    array = np.random.default_rng(2).poisson(3, (45, 4500)).astype("u2") + 0x1230
     with h5py.File(path, "w") as f:
-        piped = f.create_dataset("pipeline", data=array, chunks=(16, 256), **mertax.Mertax(level=6))
-        direct = f.create_dataset("direct", shape=array.shape, dtype=array.dtype, chunks=(16, 256),
+        piped = f.create_dataset("pipeline", data=array, chunks=(16, 2048), **mertax.Mertax(level=6))
+        direct = f.create_dataset("direct", shape=array.shape, dtype=array.dtype, chunks=(16, 2048),
                                   **mertax.Mertax(level=6))
         mertax.write_direct(direct, array, threads=threads)
-        for origin in ((0, 0), (32, 512), (16, 256)):
+        for origin in ((0, 0), (32, 4096), (16, 2048)):
             assert direct.id.read_direct_chunk(origin) == piped.id.read_direct_chunk(origin)
         np.testing.assert_array_equal(direct[...], array)
         np.testing.assert_array_equal(mertax.read_direct(piped, threads=threads), array)
-    dump = subprocess.run(["h5dump", "-d", "/direct", "-s", "44,699", "-c", "1,1", str(path)], check=True,
+    dump = subprocess.run(["h5dump", "-d", "/direct", "-s", "44,4499", "-c", "1,1", str(path)], check=True,
                           capture_output=True, env={**os.environ, "HDF5_PLUGIN_PATH": mertax.PLUGIN_PATH}).stdout
-    assert f"(44,699): {array[44, 699]}".encode() in dump
+    assert f"(44,4499): {array[44, 4499]}".encode() in dump
 
 
 def test_threaded_direct_chunk_io_refuses_and_reports(tmp_path):
