@@ -7,6 +7,9 @@
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
+#ifdef __linux__
+#include <dirent.h>
+#endif
 
 /* The filter function, exported by the same library with C linkage; it needs no HDF5 to run. A
  * library built without HDF5 (MERTAX_CODEC_ONLY) is the codec alone. */
@@ -50,6 +53,38 @@ static uint8_t* FilterBytes(const uint8_t* cells, size_t bytes, size_t cellBytes
     size_t bufSize = bytes;
     *size = H5Z_filter_dulo(0, 6, cd, bytes, &bufSize, &buf);
     return buf;
+}
+#endif
+
+#ifdef __linux__
+static int ThreadCount(void)
+{
+    DIR* tasks = opendir("/proc/self/task");
+    int count = 0;
+    for (struct dirent* entry; tasks != NULL && (entry = readdir(tasks)) != NULL;)
+        count += entry->d_name[0] != '.';
+    if (tasks != NULL)
+        closedir(tasks);
+    return count;
+}
+
+/* Two threads give one thread's bytes, so only the threads the process has show that a count
+ * above one reached the pool, which starts its workers on the first call that needs them. */
+static void CheckThreadsReachThePool(void)
+{
+    const size_t bytes = 30 * 4096;
+    uint8_t* cells = malloc(bytes);
+    uint8_t* out = malloc(bytes);
+    const size_t bound = mertax_compress_bound(2, bytes);
+    uint8_t* cmp = malloc(bound);
+    FillCells(cells, bytes, 2, 9);
+    const size_t cmpSize = mertax_compress(cells, bytes, 2, 4, cmp, bound);
+    const int before = ThreadCount();
+    CHECK(mertax_decompress_mt(cmp, cmpSize, 2, out, bytes, 1) == bytes && ThreadCount() == before, "one thread");
+    CHECK(mertax_decompress_mt(cmp, cmpSize, 2, out, bytes, 2) == bytes && ThreadCount() > before, "two threads");
+    free(cmp);
+    free(out);
+    free(cells);
 }
 #endif
 
@@ -131,6 +166,9 @@ int main(void)
 {
     const size_t cellSizes[] = {1, 2, 4, 8};
     const int levels[] = {0, 4, 9};
+#ifdef __linux__
+    CheckThreadsReachThePool(); /* first: no call before it has started the pool */
+#endif
     for (size_t c = 0; c < 4; ++c)
         for (size_t l = 0; l < 3; ++l) {
             CheckRoundTrip(cellSizes[c], levels[l], 3 * 4096 + 8 * 125);
