@@ -75,6 +75,7 @@ void ExpectMapCodersAgree(const std::vector<uint8_t>& match, size_t skipped, Pie
     ASSERT_TRUE(mask.Decode(map.data(), map.data() + map.size(), skipped + match.size())) << what;
     for (size_t s = 0; s < match.size(); ++s)
         ASSERT_EQ((mask.BitsAt(skipped + s) & 1) == 0, bool(match[s])) << what << ", slot " << s;
+    ASSERT_EQ(mask.BitsAt(skipped + match.size()), 0u) << what << ": bits past the last slot";
 }
 
 // Codes planes of non-match nibbles with the reference coder and with every kernel set's fast one,
@@ -291,6 +292,19 @@ TEST(Boundaries, MatchRunsAroundEveryMapEntryLimit)
 
 TEST(Boundaries, NonMatchRunsAroundTheRunEntryLimit)
 {
+    // Entries of exactly 64 slots (63 matches and a non-match) up to the map's last byte.
+    for (size_t runs : {1, 2, 5}) {
+        std::vector<uint8_t> match;
+        for (size_t r = 0; r < runs; ++r) {
+            match.insert(match.end(), 63, 1);
+            match.push_back(0);
+        }
+        ExpectMapCodersAgree(match, 0, WholeWords, std::to_string(runs) + " runs of 63 and a non-match");
+        // The closing empty group the coder adds is not needed to read them.
+        const std::vector<uint8_t> bare(runs, 0xBF);
+        EXPECT_TRUE(CNonMatchMask().Decode(bare.data(), bare.data() + runs, 64 * runs)) << runs << " runs";
+    }
+
     for (size_t length : {5, 6, 7, 62, 63, 64, 65, 127, 128}) {
         for (size_t at : Placements(length, 2 * PLANE)) {
             std::vector<uint8_t> match(2 * PLANE, 1);

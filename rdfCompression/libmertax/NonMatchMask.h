@@ -95,11 +95,13 @@ public:
                 }
             }
         }
-        // The last words, and bits past the last slot cleared: they belong to no slot.
+        // The last words, and bits past the last slot cleared: they belong to no slot (a group
+        // cut short by the map's end reads as non-matches past it).
         for (uint64_t* pEnd = m_words + words + 2; pWord != pEnd; bits = 0)
             *pWord++ = bits;
         if (slots % 64 != 0)
-            m_words[words - 1] &= (uint64_t(1) << (slots % 64)) - 1;
+            m_words[words - 1] &= LowBits(unsigned(slots % 64));
+        m_words[words] = 0;
         return true;
     }
 
