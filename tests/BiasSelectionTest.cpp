@@ -24,6 +24,38 @@ TEST(BiasSelection, HistogramSearchTakesTheMostFrequentNibbleSmallestOnTies)
     EXPECT_EQ(CFindDuloBias<uint16_t>().FindDuloBias(reinterpret_cast<const uint8_t*>(shorts), 4), 0xABC0);
 }
 
+// Against every nibble of every cell counted one by one, on cells whose bytes each lean to a value
+// of their own, in odd and even numbers of cells.
+template <typename T>
+void ExpectSearchAgreesWithNibbleCounts(std::mt19937_64& rng)
+{
+    for (int round = 0; round < 40; ++round) {
+        const size_t elems = 1 + rng() % (round % 2 != 0 ? 7 : 700); // few cells: near ties
+        Bytes data(elems * sizeof(T));
+        for (size_t i = 0; i < data.size(); ++i)
+            data[i] = uint8_t(rng() % 2 ? 0x1F * (i % sizeof(T) + 1) : rng());
+        uint64_t expected = 0;
+        for (unsigned shift = 8 * sizeof(T); shift != 0;) {
+            shift -= 4;
+            HISTO counts{};
+            for (size_t e = 0; e < elems; ++e)
+                ++counts[LoadLE<T>(data.data() + e * sizeof(T)) >> shift & 0xF];
+            expected = expected << 4 | GetMax(counts);
+        }
+        ASSERT_EQ(uint64_t(CFindDuloBias<T>().FindDuloBias(data.data(), elems)), expected)
+            << sizeof(T) << "-byte cells, round " << round;
+    }
+}
+
+TEST(BiasSelection, HistogramSearchCountsEveryNibbleOfEveryCell)
+{
+    std::mt19937_64 rng(41);
+    ExpectSearchAgreesWithNibbleCounts<uint8_t>(rng);
+    ExpectSearchAgreesWithNibbleCounts<uint16_t>(rng);
+    ExpectSearchAgreesWithNibbleCounts<uint32_t>(rng);
+    ExpectSearchAgreesWithNibbleCounts<uint64_t>(rng);
+}
+
 template <typename T>
 bool Hint(const Bytes& segment, T& hint)
 {
