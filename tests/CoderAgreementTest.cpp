@@ -255,6 +255,34 @@ TEST(FastPath, StreamReaderWindowAgreesWithNibbleByNibble)
     }
 }
 
+// Run codes in the stream's last nibbles, where the window reader checks every bound, taken in
+// two pieces split at every slot, the second starting with the run's repeats.
+TEST(FastPath, StreamReaderWindowAgreesOnRunsAtTheStreamEnd)
+{
+    const uint8_t escape = 6;
+    for (const std::vector<uint8_t>& head : {std::vector<uint8_t>{1, 2, 5}, {1, 2, 3, 5}})
+        for (const std::vector<uint8_t>& code : {std::vector<uint8_t>{6, 2}, {6, 9}, {6, 15}, {6, 6, 1, 2}}) {
+            std::vector<uint8_t> nibbles = head;
+            nibbles.insert(nibbles.end(), code.begin(), code.end());
+            nibbles.resize((nibbles.size() + 1) / 2 * 2); // whole bytes
+            std::vector<uint8_t> stream(nibbles.size() / 2);
+            for (size_t i = 0; i < stream.size(); ++i)
+                stream[i] = uint8_t(nibbles[2 * i] << 4 | nibbles[2 * i + 1]);
+            CNonMatchReader single(stream.data(), stream.size(), escape);
+            std::vector<uint8_t> expected;
+            for (uint8_t nibble; single.Next(escape, nibble);)
+                expected.push_back(nibble);
+            for (size_t split = 1; split < expected.size(); ++split) {
+                CNonMatchReader window(stream.data(), stream.size(), escape);
+                std::vector<uint8_t> taken(expected.size() + 2 * CNonMatchReader::OUTPUT_SLACK);
+                ASSERT_TRUE(window.Take(split, escape, taken.data()));
+                ASSERT_TRUE(window.Take(expected.size() - split, escape, taken.data() + split));
+                ASSERT_TRUE(std::equal(expected.begin(), expected.end(), taken.begin())) << "split at " << split;
+                EXPECT_FALSE(window.Take(1, escape, taken.data())) << "split at " << split;
+            }
+        }
+}
+
 // Where a run of `length` goes among `slots` slots: at the start, in the middle, ending the
 // segment, ended by the segment's last slot, and across the end of the first plane.
 std::vector<size_t> Placements(size_t length, size_t slots)
