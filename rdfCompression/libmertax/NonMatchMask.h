@@ -113,17 +113,6 @@ public:
         return shift == 0 ? low : low | m_words[(pos >> 6) + 1] << (64 - shift);
     }
 
-    // Non-matches among the `count` slots from `pos` on.
-    size_t Count(size_t pos, size_t count) const
-    {
-        size_t nonMatches = 0;
-        for (; count >= 64; pos += 64, count -= 64)
-            nonMatches += BitCount(BitsAt(pos));
-        if (count != 0)
-            nonMatches += BitCount(BitsAt(pos) & LowBits(unsigned(count)));
-        return nonMatches;
-    }
-
     // The non-matches in each block of 64 of the `count` slots from `pos` on (the last block may be
     // shorter) into pCounts, and their sum.
     size_t CountBlocks(size_t pos, size_t count, uint8_t* pCounts) const

@@ -120,6 +120,24 @@ def test_inspect_segments_as_json_add_up(h5file):
     assert all(s["cells"] in ("8-bit", "16-bit") for s in segments)
 
 
+def test_inspect_reports_each_segments_form_and_fields(tmp_path):
+    cells = np.full(2048, 0x12345, "u4")
+    cells[5] += 1  # the first segment differs from its minimum in one cell's lowest nibble
+    cells[1024:] = np.random.default_rng(1).integers(0, 1 << 32, 1024)  # the second is stored
+    path = tmp_path / "known.h5"
+    with h5py.File(path, "w") as f:
+        f.create_dataset("known", data=cells, compression=32910, compression_opts=(1, 1, 0, 0, 0, 9))
+    result = run("inspect", path, "--segments", "--json")
+    (chunk,) = json.loads(result.stdout)["datasets"][0]["chunks"]
+    coded, stored = chunk["segments"]
+    assert {k: coded[k] for k in ("form", "cells", "segment_size", "segmin", "bias", "coded_planes", "offset")} == {
+        "form": "compressed", "cells": "32-bit", "segment_size": 4096, "segmin": 0x12345, "bias": 0,
+        "coded_planes": 1, "offset": 0}
+    assert 0 < coded["stream_bytes"] and 0 < coded["map_bytes"] and coded["stream_bytes"] + coded["map_bytes"] < 16
+    assert (stored["form"], stored["offset"], stored["length"]) == ("stored", coded["length"], 4100)
+    assert stored["stream_bytes"] == stored["map_bytes"] == 0
+
+
 def test_inspect_reports_a_damaged_chunk_and_goes_on(h5file):
     with h5py.File(h5file, "r+") as f:
         d = f["counts32"]

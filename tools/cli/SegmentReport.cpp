@@ -11,8 +11,7 @@ template <typename T>
 bool ReadSegment(const uint8_t* pSeg, size_t length, SSegmentReport& r)
 {
     CSegmentFields<T> fields;
-    if (!ParseSegment(pSeg, length, fields) || fields.segSize == 0 || fields.segSize % sizeof(T) != 0 ||
-        fields.segSize > MAX_SEGMENT_DATA)
+    if (!ParseSegment(pSeg, length, fields) || !SegmentSizeValid<T>(fields.segSize))
         return false;
     r.cellBits = 8 * sizeof(T);
     r.segSize = fields.segSize;
@@ -31,8 +30,9 @@ bool ReadSegment(const uint8_t* pSeg, size_t length, SSegmentReport& r)
     CNonMatchMask mask;
     if (!mask.Decode(pSeg + fields.mapOffset, pSeg + length, elems * r.planes))
         return false;
+    uint8_t blockCounts[MAX_SEGMENT_DATA / 64 + 1];
     for (unsigned plane = 0; plane < r.planes; ++plane)
-        r.codedPlanes += mask.Count(plane * elems, elems) != 0;
+        r.codedPlanes += mask.CountBlocks(plane * elems, elems, blockCounts) != 0;
     return true;
 }
 
