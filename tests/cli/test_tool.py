@@ -2,6 +2,7 @@
 comes through HDF5_PLUGIN_PATH, except where a test shows that the tool finds it by itself."""
 import json
 import os
+import re
 import subprocess
 
 import h5py
@@ -136,6 +137,34 @@ def test_inspect_reports_each_segments_form_and_fields(tmp_path):
     assert 0 < coded["stream_bytes"] and 0 < coded["map_bytes"] and coded["stream_bytes"] + coded["map_bytes"] < 16
     assert (stored["form"], stored["offset"], stored["length"]) == ("stored", coded["length"], 4100)
     assert stored["stream_bytes"] == stored["map_bytes"] == 0
+
+
+def test_inspect_tells_why_each_chunk_is_damaged_and_lists_only_stored_chunks(tmp_path):
+    good = filter_chunk(tmp_path / "a.h5", detector_like("u4", 1000), 4)
+    chunks = {  # chunk index: what is stored there, why inspect calls it damaged
+        0: (good[:-8], "segment 0 at byte offset 0 has a length that is too short or runs past the data"),
+        1: (filter_chunk(tmp_path / "b.h5", detector_like("u4", 2000), 4), "the data expands to 8000 bytes, not 4000"),
+        2: (filter_chunk(tmp_path / "c.h5", detector_like("u1", 4000), 4), "holds 8-bit cells, not 32-bit ones"),
+        4: (good, None),
+    }
+    path = tmp_path / "damaged.h5"
+    with h5py.File(path, "w") as f:
+        d = f.create_dataset("d", shape=(6000,), dtype="u4", chunks=(1000,), compression=32910,
+                             compression_opts=(1, 1, 0, 0, 0, 4))
+        for index, (chunk, _) in chunks.items():
+            d.id.write_direct_chunk((1000 * index,), chunk)
+    result = run("inspect", path, "--chunks")
+    assert result.returncode == 1
+    text = result.stdout.decode()
+    listed = re.findall(r"  chunk \[(\d+)\]: (\d+) bytes, ratio ([\d.]+)\n", text)
+    assert [int(offset) // 1000 for offset, _, _ in listed] == list(chunks)  # 3 and 5 were never written
+    for _, stored, ratio in listed:
+        assert ratio == f"{4000 / int(stored):.2f}"
+    stored = sum(int(size) for _, size, _ in listed)
+    assert f"raw 24000 bytes, stored {stored} bytes, ratio {24000 / stored:.2f}, 4 chunks" in text
+    for index, (_, why) in chunks.items():
+        damage = re.search(rf"chunk \[{1000 * index}\] is damaged: .*", text)
+        assert (damage and damage.group().endswith(why)) if why else not damage
 
 
 def test_inspect_reports_a_damaged_chunk_and_goes_on(h5file):
