@@ -104,7 +104,8 @@ def test_inspect_shows_every_filtered_dataset(h5file):
     text = result.stdout.decode()
     for cell in CELLS:
         assert f"/counts{8 * cell}: uint{8 * cell} [40, 1000], chunks [20, 1000]" in text
-        assert f"bufferSize {20000 * cell}, flags 0x00000000, cellBytes {cell}, compressLevel 4" in text
+        assert (f"filter 32910: filter version 1, encode version 1, bufferSize {20000 * cell}, flags 0x00000000, "
+                f"cellBytes {cell}, compressLevel 4") in text
     assert "unfiltered" not in text
     assert text.count("  chunk [") == 8
 
@@ -129,7 +130,9 @@ def test_inspect_reports_each_segments_form_and_fields(tmp_path):
     with h5py.File(path, "w") as f:
         f.create_dataset("known", data=cells, compression=32910, compression_opts=(1, 1, 0, 0, 0, 9))
     result = run("inspect", path, "--segments", "--json")
-    (chunk,) = json.loads(result.stdout)["datasets"][0]["chunks"]
+    (dataset,) = json.loads(result.stdout)["datasets"]
+    assert list(dataset["client_data"].values()) == [1, 1, 8192, 0, 4, 9]
+    (chunk,) = dataset["chunks"]
     coded, stored = chunk["segments"]
     assert {k: coded[k] for k in ("form", "cells", "segment_size", "segmin", "bias", "coded_planes", "offset")} == {
         "form": "compressed", "cells": "32-bit", "segment_size": 4096, "segmin": 0x12345, "bias": 0,
@@ -137,6 +140,13 @@ def test_inspect_reports_each_segments_form_and_fields(tmp_path):
     assert 0 < coded["stream_bytes"] and 0 < coded["map_bytes"] and coded["stream_bytes"] + coded["map_bytes"] < 16
     assert (stored["form"], stored["offset"], stored["length"]) == ("stored", coded["length"], 4100)
     assert stored["stream_bytes"] == stored["map_bytes"] == 0
+    text = run("inspect", path, "--segments").stdout.decode()
+    assert (f"segment at 0: compressed, 32-bit, 4096 bytes, bias 0x0, segmin 0x12345, 1 of 8 planes coded, "
+            f"stream {coded['stream_bytes']}, map {coded['map_bytes']}, {coded['length']} bytes in all\n") in text
+    assert f"segment at {coded['length']}: stored, 32-bit, 4096 bytes, 4100 bytes in all\n" in text
+    fields = coded["length"] - coded["stream_bytes"] - coded["map_bytes"] + 4
+    assert (f"segments: 2 (1 compressed, 1 stored); headers and fields {fields} bytes, non-match streams "
+            f"{coded['stream_bytes']} bytes, maps {coded['map_bytes']} bytes, stored data 4096 bytes\n") in text
 
 
 def test_inspect_tells_why_each_chunk_is_damaged_and_lists_only_stored_chunks(tmp_path):
@@ -146,25 +156,34 @@ def test_inspect_tells_why_each_chunk_is_damaged_and_lists_only_stored_chunks(tm
         1: (filter_chunk(tmp_path / "b.h5", detector_like("u4", 2000), 4), "the data expands to 8000 bytes, not 4000"),
         2: (filter_chunk(tmp_path / "c.h5", detector_like("u1", 4000), 4), "holds 8-bit cells, not 32-bit ones"),
         4: (good, None),
+        5: (detector_like("u4", 1000).tobytes(), None),  # stored without the filter
     }
     path = tmp_path / "damaged.h5"
     with h5py.File(path, "w") as f:
         d = f.create_dataset("d", shape=(6000,), dtype="u4", chunks=(1000,), compression=32910,
                              compression_opts=(1, 1, 0, 0, 0, 4))
         for index, (chunk, _) in chunks.items():
-            d.id.write_direct_chunk((1000 * index,), chunk)
+            d.id.write_direct_chunk((1000 * index,), chunk, filter_mask=int(index == 5))
     result = run("inspect", path, "--chunks")
-    assert result.returncode == 1
+    assert result.returncode == 1 and result.stderr.decode() == f"mertax: {path} has damaged chunks\n"
     text = result.stdout.decode()
-    listed = re.findall(r"  chunk \[(\d+)\]: (\d+) bytes, ratio ([\d.]+)\n", text)
-    assert [int(offset) // 1000 for offset, _, _ in listed] == list(chunks)  # 3 and 5 were never written
-    for _, stored, ratio in listed:
+    listed = re.findall(r"  chunk \[(\d+)\]: (\d+) bytes, ratio ([\d.]+)(, stored without the filter)?\n", text)
+    # Chunk 3 was never written; chunk 5 is listed as stored without the filter.
+    assert [(int(offset) // 1000, bool(raw)) for offset, _, _, raw in listed] == [(i, i == 5) for i in chunks]
+    for _, stored, ratio, _ in listed:
         assert ratio == f"{4000 / int(stored):.2f}"
-    stored = sum(int(size) for _, size, _ in listed)
-    assert f"raw 24000 bytes, stored {stored} bytes, ratio {24000 / stored:.2f}, 4 chunks" in text
+    stored = sum(int(size) for _, size, _, _ in listed)
+    assert f"raw 24000 bytes, stored {stored} bytes, ratio {24000 / stored:.2f}, 5 chunks" in text
+    reported = json.loads(run("inspect", path, "--json").stdout)["datasets"][0]["chunks"]
     for index, (_, why) in chunks.items():
         damage = re.search(rf"chunk \[{1000 * index}\] is damaged: .*", text)
         assert (damage and damage.group().endswith(why)) if why else not damage
+    assert [c["damage"][-len(why):] for c, (_, why) in zip(reported, chunks.values()) if why] == [
+        why for _, why in chunks.values() if why]
+    with h5py.File(tmp_path / "plain.h5", "w") as f:
+        f.create_dataset("plain", data=np.arange(10))
+    plain = run("inspect", tmp_path / "plain.h5")
+    assert (plain.returncode, plain.stdout.decode()) == (0, f"no dataset of {tmp_path / 'plain.h5'} uses filter 32910\n")
 
 
 def test_inspect_reports_a_damaged_chunk_and_goes_on(h5file):
