@@ -68,23 +68,31 @@ def test_damaged_stream_says_where_and_leaves_nothing(tmp_path):
     assert sorted(tmp_path.iterdir()) == sorted([raw, cmp])
 
 
-@pytest.mark.parametrize("args", [
-    ("compress", "--cell", 3, "a", "b"),
-    ("expand", "--cell", 2, "/no/such/file", "b"),
-    ("inspect", "/no/such/file.h5"),
-    ("bench", "--raw", "x"),
-    ("frobnicate",),
+@pytest.mark.parametrize("args, says", [
+    (("compress", "--cell", 3, "a", "b"), "--cell: 3 not in {1,2,4,8}"),
+    (("expand", "--cell", 2, "/no/such/file", "b"), "cannot open /no/such/file: "),
+    (("inspect", "/no/such/file.h5"), "cannot open /no/such/file.h5 as an HDF5 file"),
+    (("bench", "--raw", "x"), "bench --raw FILE takes --cell N and no HDF5 file"),
+    (("bench", "--raw", "x", "--cell", 5), "--cell: 5 not in"),
+    (("bench", "--raw", "x", "--cell", 9), "--cell: 9 not in"),
+    (("bench", "--raw", "x", "--cell", 2, "--repeat", 101), "--repeat: Value 101 not in range 1 to 100"),
+    (("bench", "--raw", "x", "--cell", 2, "--threads", 1025), "--threads: Value 1025 not in range 1 to 1024"),
+    (("bench", "f.h5"), "bench takes FILE.h5 DATASET, or --raw FILE --cell N"),
+    (("frobnicate",), "A subcommand is required"),
 ])
-def test_bad_usage_is_one_line_and_status_2(args):
+def test_bad_usage_is_one_line_and_status_2(args, says):
     result = run(*args)
     assert result.returncode == 2
-    assert result.stderr.decode().count("\n") == 1, result.stderr
+    message = result.stderr.decode()
+    assert message.startswith("mertax: " + says) and message.count("\n") == 1, message
 
 
 def test_help_for_the_program_and_each_verb():
     for verb in ((), ("compress",), ("expand",), ("inspect",), ("bench",)):
         result = run(*verb, "--help")
         assert result.returncode == 0 and b"Usage" in result.stdout
+    version = run("--version")
+    assert version.returncode == 0 and re.fullmatch(rb"\d+\.\d+\.\d+\n", version.stdout)
 
 
 @pytest.fixture
