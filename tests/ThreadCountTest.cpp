@@ -67,25 +67,29 @@ std::vector<CSetup> Setups()
 TEST(ThreadCount, BytesAndCarriedHintAreThoseOfOneThread)
 {
     // 128 KiB + 6 cells: 33 segments, one past a whole number of the pool's tasks, the last one
-    // short. Two calls on one codec: the second starts from the hint and segment count the first
-    // left; for 16-bit cells its last 1412 bytes end a byte segment begun 4096 bytes before them.
+    // short; 64 KiB, the least that goes to the pool: one task of each kind. Two calls on one
+    // codec: the second starts from the hint and segment count the first left; for 16-bit cells
+    // its last 1412 bytes end a byte segment begun 4096 bytes before them.
     for (const CSetup& s : Setups()) {
-        const size_t count = (128 * 1024) / s.cellBytes + 6;
-        const Bytes first = Cells(s.cellBytes, count, 1), second = Cells(s.cellBytes, count + 10940, 2);
-        COptimalBiasDulo one = Codec(s);
-        const Bytes expected1 = Compress(one, first, s.cellBytes, 1);
-        const Bytes expected2 = Compress(one, second, s.cellBytes, 1);
-        ASSERT_FALSE(expected1.empty());
-        for (unsigned threads : {2u, 3u, 64u}) {
-            SCOPED_TRACE(testing::Message() << "cell " << s.cellBytes << " level " << s.level << " reduce "
-                                            << s.reduce << " threads " << threads);
-            COptimalBiasDulo many = Codec(s);
-            EXPECT_EQ(Compress(many, first, s.cellBytes, threads), expected1);
-            EXPECT_EQ(Compress(many, second, s.cellBytes, threads), expected2);
-            Bytes back(first.size());
-            EXPECT_EQ(many.DecompressOnThreads(expected1.data(), expected1.size(), back.data(), back.size(), threads),
-                      back.size());
-            EXPECT_EQ(back, first);
+        const size_t counts[] = {(128 * 1024) / s.cellBytes + 6, COptimalBiasDulo::MIN_PARALLEL_BYTES / s.cellBytes};
+        for (const size_t count : counts) {
+            const Bytes first = Cells(s.cellBytes, count, 1), second = Cells(s.cellBytes, count + 10940, 2);
+            COptimalBiasDulo one = Codec(s);
+            const Bytes expected1 = Compress(one, first, s.cellBytes, 1);
+            const Bytes expected2 = Compress(one, second, s.cellBytes, 1);
+            ASSERT_FALSE(expected1.empty());
+            for (unsigned threads : {2u, 3u, 64u}) {
+                SCOPED_TRACE(testing::Message() << "cell " << s.cellBytes << " level " << s.level << " reduce "
+                                                << s.reduce << " threads " << threads << " cells " << count);
+                COptimalBiasDulo many = Codec(s);
+                EXPECT_EQ(Compress(many, first, s.cellBytes, threads), expected1);
+                EXPECT_EQ(Compress(many, second, s.cellBytes, threads), expected2);
+                Bytes back(first.size());
+                EXPECT_EQ(
+                    many.DecompressOnThreads(expected1.data(), expected1.size(), back.data(), back.size(), threads),
+                    back.size());
+                EXPECT_EQ(back, first);
+            }
         }
     }
 }
