@@ -219,6 +219,33 @@ def test_bench_compares_filters_on_raw_data(tmp_path):
     assert not list(tmp_path.glob("*.h5"))
 
 
+def test_bench_reports_the_files_chunks_each_filters_ratio_and_only_filters_hdf5_has(tmp_path):
+    path = tmp_path / "counts.h5"
+    data = detector_like("u2", (40, 3000))
+    with h5py.File(path, "w") as f:
+        f.create_dataset("d", data=data, chunks=(10, 3000), compression=32910, compression_opts=(1, 1, 0, 0, 0, 4))
+        f.create_dataset("pairs", data=np.zeros(4, "u2,u2"))
+    result = run("bench", path, "/d", "--repeat", 1, "--threads", 2)
+    assert result.returncode == 0, result.stderr
+    text = result.stdout.decode()
+    assert text.startswith("240000 bytes of 16-bit cells, chunks of 60000 bytes; best of 1 interleaved rounds")
+    with h5py.File(path, "r") as f:
+        ratio = f"{240000 / f['d'].id.get_storage_size():.2f}"
+    for row in ("mertax level 4 ", "mertax level 4, 2 threads, direct chunk I/O "):
+        assert re.search(rf"^{row} *{ratio} ", text, re.M), (row, ratio, text)
+    for name, filter_id in (("lz4 plugin", 32004), ("blosc lz4+bitshuffle plugin", 32001), ("szip", 4)):
+        assert (f"\n{name} " in text) == h5py.h5z.filter_avail(filter_id), name
+    for args, status, says in (((path, "/none"), 2, f"no dataset /none in {path}"),
+                               ((path, "/pairs"), 2, "dataset /pairs does not hold cells of 1, 2, 4 or 8 bytes")):
+        refused = run("bench", *args)
+        assert (refused.returncode, refused.stderr.decode()) == (status, f"mertax: {says}\n")
+    odd = tmp_path / "odd.raw"
+    odd.write_bytes(b"12345")
+    refused = run("bench", "--raw", odd, "--cell", 2)
+    assert (refused.returncode, refused.stderr.decode()) == (1, f"mertax: {odd} is empty or not a whole number of "
+                                                                 "2-byte cells\n")
+
+
 def test_bench_reads_a_filtered_file_without_a_plugin_path(tmp_path):
     path = tmp_path / "counts.h5"
     filter_chunk(path, detector_like("u2", 100000), 4)
