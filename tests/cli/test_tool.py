@@ -226,14 +226,14 @@ def test_bench_reports_the_files_chunks_each_filters_ratio_and_only_filters_hdf5
         f.create_dataset("d", data=data, chunks=(10, 3000), compression=32910, compression_opts=(1, 1, 0, 0, 0, 4))
         f.create_dataset("pairs", data=np.zeros(4, "u2,u2"))
     result = run("bench", path, "/d", "--repeat", 1, "--threads", 2)
-    assert result.returncode == 0, result.stderr
+    assert (result.returncode, result.stderr) == (0, b"")  # no filter tried that HDF5 cannot load
     text = result.stdout.decode()
     assert text.startswith("240000 bytes of 16-bit cells, chunks of 60000 bytes; best of 1 interleaved rounds")
     with h5py.File(path, "r") as f:
         ratio = f"{240000 / f['d'].id.get_storage_size():.2f}"
     for row in ("mertax level 4 ", "mertax level 4, 2 threads, direct chunk I/O "):
         assert re.search(rf"^{row} *{ratio} ", text, re.M), (row, ratio, text)
-    for name, filter_id in (("lz4 plugin", 32004), ("blosc lz4+bitshuffle plugin", 32001), ("szip", 4)):
+    for name, filter_id in (("lz4 plugin", 32004), ("blosc lz4+bitshuffle plugin", 32001)):  # plugins: same path
         assert (f"\n{name} " in text) == h5py.h5z.filter_avail(filter_id), name
     for args, status, says in (((path, "/none"), 2, f"no dataset /none in {path}"),
                                ((path, "/pairs"), 2, "dataset /pairs does not hold cells of 1, 2, 4 or 8 bytes")):
