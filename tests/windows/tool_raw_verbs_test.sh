@@ -11,7 +11,21 @@ golden=$3
 work=$(mktemp -d)
 trap 'rm -rf "$work"' EXIT
 export WINEDEBUG=-all
-run() { "$wine" "$tool" "$@"; }
+# The tool says why on standard error whenever it fails. Under load, wine now and then fails to
+# start a program at all: a status with no message, which is tried again (twice at most).
+run() {
+    local status
+    for attempt in 1 2 3; do
+        status=0
+        "$wine" "$tool" "$@" 2>"$work/run.err" || status=$?
+        cat "$work/run.err" >&2
+        if [ $status -eq 0 ] || [ -s "$work/run.err" ]; then
+            return $status
+        fi
+        echo "note: wine gave status $status and no message for: $*" >&2
+    done
+    return $status
+}
 
 failures=0
 fail() {
