@@ -123,16 +123,21 @@ TEST_F(ThreadedChunkIO, FailuresAreReported)
         CHid good = CreateFilteredDataset(file, "good", 2, {40000}, {10000}, {1, 1, 0, 0, 0, 4});
         CThreadedChunkIO goodIo(good, 2);
         ASSERT_TRUE(goodIo.Write(data.data())) << goodIo.Error();
-        // A damaged chunk fails the read with where it broke.
-        std::vector<uint8_t> second = RawChunk(good, {10000});
-        second.resize(second.size() - 8);
-        const hsize_t offset[] = {10000};
-        ASSERT_GE(H5Dwrite_chunk(good, H5P_DEFAULT, 0, offset, second.size(), second.data()), 0);
+        // A damaged chunk fails the read with where it broke. One worker's window (two chunks) is
+        // shorter than the dataset: it takes the chunk after the damaged one, then waits for one
+        // that the failed read never loads, and must be woken to finish.
+        const std::vector<uint8_t> first = RawChunk(good, {0});
+        const hsize_t origin[] = {0};
+        ASSERT_GE(H5Dwrite_chunk(good, H5P_DEFAULT, 0, origin, first.size() - 8, first.data()), 0);
         std::vector<uint8_t> back(data.size());
-        CThreadedChunkIO reader(good, 3);
-        EXPECT_FALSE(reader.Read(back.data()));
-        EXPECT_NE(reader.Error().find("chunk 1: damaged data: segment"), std::string::npos) << reader.Error();
+        for (unsigned threads : {1u, 3u}) {
+            CThreadedChunkIO reader(good, threads);
+            EXPECT_FALSE(reader.Read(back.data()));
+            EXPECT_NE(reader.Error().find("chunk 0: damaged data: segment"), std::string::npos) << reader.Error();
+        }
+        ASSERT_GE(H5Dwrite_chunk(good, H5P_DEFAULT, 0, origin, first.size(), first.data()), 0);
         // A chunk stored with the filter skipped (mask bit 0) holds the cells themselves.
+        const hsize_t offset[] = {10000};
         ASSERT_GE(H5Dwrite_chunk(good, H5P_DEFAULT, 1, offset, 20000, data.data() + 20000), 0);
         CThreadedChunkIO raw(good, 2);
         EXPECT_TRUE(raw.Read(back.data())) << raw.Error();
