@@ -14,22 +14,24 @@ using Bytes = std::vector<uint8_t>;
 
 const Bytes FOUR_BYTES = {0x92, 0x00, 0x60, 0x00, 0x04, 0x00, 0x12, 0x30, 0x86, 0x81, 0x00, 0x00};
 
-// 20 raw bytes that all match bias 0: the dump of a 20-byte output, two rows.
-Bytes TwentyMatchingBytes()
+// `bytes` raw bytes that all match bias 0 (at most 31): the dump of 20 is two rows, of 16 one.
+Bytes MatchingBytes(uint16_t bytes)
 {
     SegmentFields f;
-    f.segSize = 20;
-    f.map = {0x80 | 40};
+    f.segSize = bytes;
+    f.map = {uint8_t(0x80 | 2 * bytes)};
     return BuildCompressedSegment(f);
 }
 
-// Expands `cmp` into `capacity` bytes at `debug` and `wordSize`; `out` receives the output.
+// Expands `cmp` into `capacity` bytes at `debug` and `wordSize` (0: the codec's default); `out`
+// receives the output.
 std::function<void(COptimalBiasDulo&, Bytes&)> Expansion(Bytes cmp, unsigned debug, size_t wordSize,
                                                           size_t capacity, int times = 1)
 {
     return [=](COptimalBiasDulo& codec, Bytes& out) {
         out.resize(capacity);
-        codec.SetInflateWordSize(wordSize);
+        if (wordSize != 0)
+            codec.SetInflateWordSize(wordSize);
         for (int i = 0; i < times; ++i) {
             codec.SetDebugLevel(debug);
             codec.Decompress(cmp.data(), cmp.size(), out.data(), out.size());
@@ -72,7 +74,11 @@ TEST(DiagnosticText, EveryLineAndDumpByteForByte)
         {"widening traces even an empty segment", ' ', Expansion(emptyWidened, 2, 2, 16),
          TRACE2 + "DecmpSeg: expand to short - outBytes: 0\nError: deDULO returned: 0 after decompress: 0 bytes\n", 2},
         {"the first dump row is padded with the stream's fill, later ones with 0", ' ',
-         Expansion(TwentyMatchingBytes(), 11, 0, 20, 2), HEAD20 + " 0: " + ROWS20 + HEAD20 + "00: " + ROWS20, 10},
+         Expansion(MatchingBytes(20), 11, 0, 20, 2), HEAD20 + " 0: " + ROWS20 + HEAD20 + "00: " + ROWS20, 10},
+        {"a dump of whole rows ends with its last row", '0', Expansion(MatchingBytes(16), 11, 0, 16),
+         "DecmpSeg: LW.mode: 0 desired wsize: 0\n\nDecompressed Data(16 bytes at address=OUT)\n00: " +
+             ROWS20.substr(0, 48) + "\n",
+         10},
         {"encoder masks and the stored line, no dumps below 11", ' ', Encoding<uint8_t>({0x12, 0x12, 0x13, 0x12}, 10, 0x12),
          "mask64: 0xf0f0f0f0f0f0f0f0 maskT: 0xf0\nNO_COMP vLen: 10 segSize: 4\n", 10},
         {"encoder masks of wide cells", ' ', Encoding<uint32_t>({0x100}, 2, 0),

@@ -205,11 +205,13 @@ TEST(FilterCallback, CompressionFailureLeavesTheChunkAndSaysSo)
         H5Ewalk2(
             H5E_DEFAULT, H5E_WALK_UPWARD,
             [](unsigned, const H5E_error2_t* e, void* p) -> herr_t {
-                *static_cast<std::string*>(p) += e->desc != nullptr ? e->desc : "";
+                char minor[64] = {};
+                H5Eget_msg(e->min_num, nullptr, minor, sizeof minor);
+                *static_cast<std::string*>(p) += std::string(e->desc != nullptr ? e->desc : "") + " [" + minor + "]";
                 return 0;
             },
             &stack);
-        EXPECT_EQ(stack, std::string("MERTAX compress unsuccessful: ") + c.reason);
+        EXPECT_EQ(stack, std::string("MERTAX compress unsuccessful: ") + c.reason + " [Filter operation failed]");
     }
 }
 

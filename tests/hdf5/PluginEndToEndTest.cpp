@@ -202,7 +202,8 @@ TEST_F(PluginEndToEnd, DamagedChunkFailsTheReadAndTheRestStaysReadable)
 }
 
 // Collects the descriptions on HDF5's error stack whenever an API call fails, innermost first, one
-// per line: HDF5 calls the automatic handler at the failure, before later calls clear the stack.
+// per line with its minor error's text in brackets: HDF5 calls the automatic handler at the
+// failure, before later calls clear the stack.
 class CErrorStackCapture
 {
 public:
@@ -216,7 +217,9 @@ private:
         return H5Ewalk2(
             stack, H5E_WALK_UPWARD,
             [](unsigned, const H5E_error2_t* e, void* p) -> herr_t {
-                *static_cast<std::string*>(p) += std::string(e->desc ? e->desc : "") + "\n";
+                char minor[64] = {};
+                H5Eget_msg(e->min_num, nullptr, minor, sizeof minor);
+                *static_cast<std::string*>(p) += std::string(e->desc ? e->desc : "") + " [" + minor + "]\n";
                 return 0;
             },
             pText);
@@ -224,29 +227,32 @@ private:
     std::string m_text;
 };
 
-TEST_F(PluginEndToEnd, UnusableCellSizeIsRefusedAtCreationOnTheErrorStack)
+TEST_F(PluginEndToEnd, UnusableClientDataIsRefusedAtCreationOnTheErrorStack)
 {
     CHid file = CreateFile(m_path);
     struct Case
     {
         size_t typeBytes;
-        unsigned cellBytes;
+        std::vector<unsigned> cd;
         hsize_t chunk;
         const char* message;
+        const char* minor; // HDF5's text for the kind of error
     } cases[] = {
-        {1, 3, 999, "MERTAX filter cellBytes must be 1, 2, 4 or 8, not 3"},
-        {4, 16, 100, "MERTAX filter cellBytes must be 1, 2, 4 or 8, not 16"},
-        {1, 8, 999, "MERTAX filter cellBytes 8 does not divide the chunk's 999 bytes"},
+        {1, {1, 1, 0, 0, 3, 4}, 999, "MERTAX filter cellBytes must be 1, 2, 4 or 8, not 3", "Bad value"},
+        {4, {1, 1, 0, 0, 16, 4}, 100, "MERTAX filter cellBytes must be 1, 2, 4 or 8, not 16", "Bad value"},
+        {1, {1, 1, 0, 0, 8, 4}, 999, "MERTAX filter cellBytes 8 does not divide the chunk's 999 bytes", "Bad value"},
+        {2, {0, 1, 0, 0, 2, 4}, 100, "MERTAX filter version not set, updating to: 1", "Callback failed"},
     };
+    int n = 0;
     for (const Case& c : cases) {
         SCOPED_TRACE(c.message);
         CErrorStackCapture errors;
         CCapturedOutput out(stdout);
-        CHid dataset = CreateFilteredDataset(file, "bad" + std::to_string(c.cellBytes), c.typeBytes, {c.chunk},
-                                             {c.chunk}, {1, 1, 0, 0, c.cellBytes, 4});
+        CHid dataset = CreateFilteredDataset(file, "bad" + std::to_string(n++), c.typeBytes, {c.chunk}, {c.chunk}, c.cd);
         EXPECT_FALSE(dataset.Valid());
         EXPECT_EQ(out.Text(), std::string(c.message) + "\n");
-        EXPECT_NE(errors.Text().find(c.message), std::string::npos) << errors.Text();
+        const std::string line = std::string(c.message) + " [" + c.minor + "]";
+        EXPECT_NE(errors.Text().find(line), std::string::npos) << errors.Text();
     }
 }
 
@@ -300,6 +306,7 @@ TEST_F(PluginEndToEnd, DamagedChunkSaysWhereOnTheErrorStack)
     EXPECT_NE(err.Text().find(message), std::string::npos) << err.Text();
 #if !H5_VERSION_GE(1, 14, 0)
     EXPECT_NE(errors.Text().find(message), std::string::npos) << errors.Text();
+    EXPECT_NE(errors.Text().find("runs past the data [Filter operation failed]\n"), std::string::npos) << errors.Text();
 #endif
 }
 
