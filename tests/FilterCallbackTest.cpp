@@ -163,13 +163,16 @@ TEST(FilterCallback, ChunksPastTheOldCapOf64MiBCompressWhenIncompressible)
 
 TEST(FilterCallback, NothingToExpandIntoFailsWithoutTouchingTheBuffer)
 {
-    CChunkBuffer chunk({});
-    chunk.m_size = 0;
-    const void* before = chunk.m_buf;
-    CCapturedStream err(std::cerr);
-    EXPECT_EQ(chunk.Run(H5Z_FLAG_REVERSE, ClientData(0, 2, 4), 0), 0u);
-    EXPECT_EQ(chunk.m_buf, before);
-    EXPECT_EQ(err.Text(), "MERTAX filter has no size to expand the chunk to\n");
+    // A buffer size of 0, or no client data at all (nothing then is known of the chunk).
+    for (const std::vector<unsigned>& cd : {ClientData(0, 2, 4), std::vector<unsigned>()}) {
+        CChunkBuffer chunk({});
+        chunk.m_size = 0;
+        const void* before = chunk.m_buf;
+        CCapturedStream err(std::cerr);
+        EXPECT_EQ(chunk.Run(H5Z_FLAG_REVERSE, cd, 0), 0u);
+        EXPECT_EQ(chunk.m_buf, before);
+        EXPECT_EQ(err.Text(), "MERTAX filter has no size to expand the chunk to\n") << cd.size() << " words";
+    }
 }
 
 TEST(FilterCallback, CompressionFailureLeavesTheChunkAndSaysSo)

@@ -209,7 +209,7 @@ TEST(ThreadCount, PluginCountComesFromTheEnvironment)
     {
         const char* value;
         unsigned threads;
-    } cases[] = {{nullptr, 1}, {"", 1}, {"2", 2}, {"7", 7}, {"0", 1}, {"-3", 1}, {"2x", 1}, {"two", 1},
+    } cases[] = {{nullptr, 1}, {"", 1}, {"2", 2}, {"7", 7}, {"12", 12}, {"0", 1}, {"-3", 1}, {"2x", 1}, {"two", 1},
                  {"64", 64}, {"65", 64}, {"99999999999999999999", 1}};
     for (const auto& c : cases) {
         SetEnvironment("MERTAX_NTHREADS", c.value);
